@@ -1,0 +1,474 @@
+#include "app/cli.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <fstream>
+#include <limits>
+#include <ostream>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+
+#include "app/modheader.h"
+
+namespace krel {
+
+namespace {
+
+using namespace std::string_view_literals;
+
+constexpr std::array<option_spec, 28> table = {{
+    {"--blocks", "", "", false, "-9", "", 1, "",
+     "Number of consecutive SNPs considered for building the coefficient matrix of SNPBLUP"},
+    {"--gen", "", "", true, "none", "", 1, "", "Name of the genotype file"},
+    {"--freq", "", "", true, "none", "", 1, "", "Name of the allele frequency file"},
+    {"--beta", "", "", false, "0.05d0", "", 1, "", "Value for beta"},
+    {"--ped", "", "", true, "none", "", 1, "", "Name of the pedigree file"},
+    {"--pev", "", "", false, "none", "", 1, "--mrel", "Name of the PEV file"},
+    {"--mrel", "", "", false, "none", "", 1, "--pev", "Name of the REL file (Tarnelo format)"},
+    {"--rvcv", "", "", false, "none", "", 1, "--h2", "Name of the residual (co)variances file"},
+    {"--gvcv", "", "", false, "none", "", 1, "", "Name of the genetic (co)variances file"},
+    {"--svcv", "", "", false, "none", "", 1, "--h2", "Name of the SNP (co)variances file"},
+    {"--h2", "", "", false, "none", "", 1, "--rvcv",
+     "Name of the heritability file. Residual variances will be recomputed if genetic "
+     "(co)variances are provided."},
+    {"--effect", "", "", true, "-1", "", 1, "", "Value for effect"},
+    {"--inbfile", "--ifile", "", false, "none", "store", 1, "",
+     "Name of the inbreeding coefficient file"},
+    {"--noinb", "", "", false, ".true.", "store_false", 0, "",
+     "To NOT consider inbreeding for computing ERC, PEV, and REL"},
+    {"--noscreen", "", "", false, ".false.", "store_true", 0, "",
+     "To not print the output to the screen"},
+    {"--verbose", "-vb", "", false, ".false.", "store_true", 0, "",
+     "To print additional output (to stdout and files)"},
+    {"--save_pec", "--pec", "", false, ".false.", "store_true", 0, "", "To save PEC in a file"},
+    {"--scale_snp_var", "--ssv", "", false, ".false.", "store_true", 0, "",
+     "To scale SNP variances by (1-beta)"},
+    {"--edc-adjust-factor", "--edc-adjf", "krel", false, "1.d0", "", 1, "",
+     "EDC adjustment factor for DGV reliabilities"},
+    {"--pev-adjust-factor", "--pev-adjf", "krel", false, "1.d0", "", 1, "",
+     "PEV adjustment factor for DGV reliabilities"},
+    {"--pheno", "", "krel", false, "none", "", 1, "", "Name of the file with phenotyped animals"},
+    {"--ref", "", "krel", false, "none", "", 1, "",
+     "Name of the file with reference genotyped animals"},
+    {"--only-geno", "", "krel", false, ".false.", "store_true", 0, "",
+     "To compute REL for genotyped animals only"},
+    {"--gwas", "", "", false, "none -1", "store", 2, "",
+     "To compute P-values of SNP effects using quorda solution files. value#1 is the name of the "
+     "file with SNP effects. value#2 is the ID of the SNP effect in the file value#1."},
+    {"--mgwas", "", "", false, "none -1", "store", 2, "--gwas",
+     "To compute P-values of SNP effects using Tarnelo solution files. value#1 is the name of the "
+     "file with SNP effects. value#2 is the ID of the SNP effect in the file value#1."},
+    {"--method", "-m", "krel", false, "mkl", "store", 1, "",
+     "Approach to compute the matrix ZRZ. Possile options: mkl, low_mem."},
+    {"--save_erc", "--erc", "krel", false, ".false.", "store_true", 0, "", "To save ERC in a file"},
+    {"--ungeno_tm", "", "krel", false, ".false.", "store_true", 0, "",
+     "To approximate genomic REL for ungenotyped animals by using the Tier and Meyer algorithm"},
+}};
+
+struct group_spec {
+    std::string_view name;
+    std::string_view description;
+};
+constexpr std::array<group_spec, 2> groups = {{
+    {"krel", "To approximate genomic reliabilities from pedigree-based reliabilities"},
+    {"gwas", "To compute p-values from Pedigree REL (or PEV) and genotypes"},
+}};
+
+// CLI11 names a single-dash option by one letter only; such abbreviations
+// are turned into the full switch before parsing.
+bool cli11_nameable(std::string_view abbreviation) {
+    return abbreviation.starts_with("--") || abbreviation.size() == 2;
+}
+
+struct markdown_request {};
+
+class table_formatter : public CLI::Formatter {
+public:
+    std::string make_option_name(const CLI::Option* opt, bool is_positional) const override {
+        std::string name = CLI::Formatter::make_option_name(opt, is_positional);
+        for (const auto& spec : table) {
+            if (!spec.abbreviation.empty() && !cli11_nameable(spec.abbreviation) &&
+                opt->check_lname(std::string(spec.switch_name.substr(2))))
+                return std::string(spec.abbreviation) + "," + name;
+        }
+        return name;
+    }
+};
+
+std::string_view trim_blanks(std::string_view s) {
+    const auto b = s.find_first_not_of(" \t");
+    if (b == std::string_view::npos) return {};
+    const auto e = s.find_last_not_of(" \t");
+    return s.substr(b, e - b + 1);
+}
+
+// First item of a list-directed record.
+std::string_view first_item(std::string_view text) {
+    const auto b = text.find_first_not_of(" \t");
+    if (b == std::string_view::npos) return {};
+    text = text.substr(b);
+    const auto e = text.find_first_of(" \t,/");
+    return e == std::string_view::npos ? text : text.substr(0, e);
+}
+
+bool parse_logical(std::string_view text, bool& value) {
+    std::string t(trim_blanks(text));
+    std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (!t.empty() && t[0] == '.') t.erase(0, 1);
+    if (t.starts_with("t")) { value = true; return true; }
+    if (t.starts_with("f")) { value = false; return true; }
+    return false;
+}
+
+std::vector<std::string> split_blanks(std::string_view text) {
+    std::vector<std::string> out;
+    std::istringstream in{std::string(text)};
+    std::string word;
+    while (in >> word) out.push_back(word);
+    return out;
+}
+
+}  // namespace
+
+std::span<const option_spec> option_table() { return table; }
+
+std::string cut_text_value(std::string_view value) {
+    if (value.size() > cla_text_length) value = value.substr(0, cla_text_length);
+    const auto e = value.find_last_not_of(' ');
+    return e == std::string_view::npos ? std::string() : std::string(value.substr(0, e + 1));
+}
+
+bool read_integer_list_directed(std::string_view text, std::int32_t& value) {
+    std::string_view item = first_item(text);
+    if (item.starts_with('+')) item.remove_prefix(1);
+    if (item.empty()) return false;
+    std::int32_t v = 0;
+    const auto [ptr, ec] = std::from_chars(item.data(), item.data() + item.size(), v);
+    if (ec != std::errc() || ptr != item.data() + item.size()) return false;
+    value = v;
+    return true;
+}
+
+bool read_real_list_directed(std::string_view text, double& value) {
+    std::string_view item = first_item(text);
+    if (item.empty()) return false;
+    std::string t(item);
+    std::string lowered = t;
+    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+    const bool negative = lowered.starts_with('-');
+    std::string_view body = lowered;
+    if (body.starts_with('-') || body.starts_with('+')) body.remove_prefix(1);
+    if (body.empty() || body[0] == '-' || body[0] == '+') return false;
+    if (body == "inf" || body == "infinity") {
+        value = negative ? -std::numeric_limits<double>::infinity()
+                         : std::numeric_limits<double>::infinity();
+        return true;
+    }
+    if (body == "nan" || (body.starts_with("nan(") && body.ends_with(")"))) {
+        value = std::numeric_limits<double>::quiet_NaN();
+        return true;
+    }
+    // Fortran writes exponents with d, D, q or Q as well, or with a bare sign.
+    std::string s(body);
+    bool has_exponent_letter = false;
+    for (char& c : s) {
+        if (c == 'd' || c == 'q') c = 'e';
+        if (c == 'e') has_exponent_letter = true;
+    }
+    if (!has_exponent_letter) {
+        for (std::size_t i = 1; i < s.size(); ++i) {
+            if ((s[i] == '+' || s[i] == '-') &&
+                (std::isdigit(static_cast<unsigned char>(s[i - 1])) || s[i - 1] == '.')) {
+                s.insert(i, 1, 'e');
+                break;
+            }
+        }
+    }
+    if (s.empty() || s[0] == 'e') return false;
+    double v = 0.0;
+    const auto [ptr, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
+    if (ptr != s.data() + s.size()) return false;
+    if (ec == std::errc::result_out_of_range) {
+        // Overflow reads as infinity and underflow as zero, as the Fortran runtime does.
+        v = s.find("e-") != std::string::npos ? 0.0 : std::numeric_limits<double>::infinity();
+    } else if (ec != std::errc()) {
+        return false;
+    }
+    value = negative ? -v : v;
+    return true;
+}
+
+bool read_integer_i4(std::string_view text, std::int32_t& value) {
+    std::string field(text.substr(0, std::min<std::size_t>(4, text.size())));
+    field.erase(std::remove_if(field.begin(), field.end(),
+                               [](char c) { return c == ' ' || c == '\t'; }),
+                field.end());
+    if (field.empty()) {
+        value = 0;
+        return true;
+    }
+    std::string_view f = field;
+    bool negative = false;
+    if (f[0] == '+' || f[0] == '-') {
+        negative = f[0] == '-';
+        f.remove_prefix(1);
+    }
+    if (f.empty() || !std::all_of(f.begin(), f.end(), [](char c) { return c >= '0' && c <= '9'; }))
+        return false;
+    std::int32_t v = 0;
+    std::from_chars(f.data(), f.data() + f.size(), v);
+    value = negative ? -v : v;
+    return true;
+}
+
+struct command_line::impl {
+    std::ostream& unit;
+    CLI::App app;
+    std::array<CLI::App*, groups.size()> group_apps{};
+    std::array<CLI::Option*, table.size()> options{};
+    std::vector<std::string> ignored;
+
+    explicit impl(std::ostream& u)
+        : unit(u), app(std::string(program_description), to_lower_word(program_word)) {
+        app.formatter(std::make_shared<table_formatter>());
+        app.set_help_flag("-h,--help", "Print this help message");
+        app.set_version_flag("--version", "krel version " + std::string(program_version),
+                             "Print version");
+        app.add_flag_callback("--markdown", [] { throw markdown_request{}; },
+                              "Save this help message in a Markdown file")
+            ->trigger_on_parse();
+        app.allow_extras();
+        for (std::size_t g = 0; g < groups.size(); ++g) {
+            CLI::App* sub =
+                app.add_subcommand(std::string(groups[g].name), std::string(groups[g].description));
+            sub->fallthrough();
+            sub->allow_extras();
+            group_apps[g] = sub;
+        }
+        // No limit on the number of groups: a limit would let CLI11 swallow the
+        // second group word as an ignored extra instead of refusing the pair.
+        group_apps[0]->excludes(group_apps[1]);
+        for (std::size_t k = 0; k < table.size(); ++k) {
+            const option_spec& spec = table[k];
+            CLI::App* owner = spec.group.empty() ? &app : group_app(spec.group);
+            std::string name(spec.switch_name);
+            if (!spec.abbreviation.empty() && cli11_nameable(spec.abbreviation))
+                name = std::string(spec.abbreviation) + "," + name;
+            CLI::Option* opt = nullptr;
+            if (spec.nargs == 0) {
+                opt = owner->add_flag(name)->description(std::string(spec.help));
+            } else {
+                opt = owner->add_option(name)
+                          ->description(std::string(spec.help))
+                          ->expected(spec.nargs)
+                          ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+                          ->default_str(std::string(spec.default_value));
+                opt->type_name(spec.nargs == 1 ? "TEXT" : "TEXT INT");
+            }
+            if (spec.required) opt->required();
+            options[k] = opt;
+        }
+    }
+
+    static std::string to_lower_word(std::string_view w) {
+        std::string s(w);
+        for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return s;
+    }
+
+    CLI::App* group_app(std::string_view name) const {
+        for (std::size_t g = 0; g < groups.size(); ++g)
+            if (groups[g].name == name) return group_apps[g];
+        return nullptr;
+    }
+
+    // Index of the option read back under `switch_name` (or its
+    // abbreviation) in `group`, or -1.
+    int find(std::string_view switch_name, std::string_view group) const {
+        for (std::size_t k = 0; k < table.size(); ++k) {
+            const option_spec& spec = table[k];
+            if (spec.group != group) continue;
+            if (spec.switch_name == switch_name || spec.abbreviation == switch_name)
+                return static_cast<int>(k);
+        }
+        return -1;
+    }
+
+    bool given(std::size_t k) const { return options[k]->count() > 0; }
+
+    // What CLI11 leaves to the caller: the exact value count of an option
+    // that takes several (it accepts fewer at the end of the line), and the
+    // one-sided exclusions, reported from the side that declares them.
+    void check_after_parse() const {
+        for (std::size_t k = 0; k < table.size(); ++k) {
+            if (table[k].nargs > 1 && given(k) &&
+                options[k]->results().size() != static_cast<std::size_t>(table[k].nargs))
+                throw CLI::ArgumentMismatch(std::string(table[k].switch_name), table[k].nargs,
+                                            options[k]->results().size());
+        }
+        for (std::size_t k = 0; k < table.size(); ++k) {
+            if (table[k].excludes.empty() || !given(k)) continue;
+            const int other = find(table[k].excludes, table[k].group);
+            if (other >= 0 && given(static_cast<std::size_t>(other)))
+                throw CLI::ExcludesError(std::string(table[k].switch_name),
+                                         std::string(table[k].excludes));
+        }
+    }
+
+    std::vector<std::string> values(std::size_t k) const {
+        if (!given(k)) {
+            std::vector<std::string> v = split_blanks(table[k].default_value);
+            if (v.empty()) v.emplace_back();
+            return v;
+        }
+        return options[k]->results();
+    }
+};
+
+command_line::command_line(std::ostream& unit) : impl_(std::make_unique<impl>(unit)) {}
+command_line::~command_line() = default;
+
+int command_line::parse(const std::vector<std::string>& args) {
+    std::vector<std::string> reversed;
+    reversed.reserve(args.size());
+    for (auto it = args.rbegin(); it != args.rend(); ++it) {
+        std::string arg = *it;
+        for (const auto& spec : table)
+            if (!spec.abbreviation.empty() && !cli11_nameable(spec.abbreviation) &&
+                arg == spec.abbreviation)
+                arg = std::string(spec.switch_name);
+        reversed.push_back(std::move(arg));
+    }
+    CLI::App& app = impl_->app;
+    std::ostream& unit = impl_->unit;
+    try {
+        app.parse(reversed);
+        impl_->check_after_parse();
+    } catch (const markdown_request&) {
+        const std::string file = impl::to_lower_word(program_word) + ".md";
+        std::ofstream out(file, std::ios::out | std::ios::trunc);
+        out << markdown();
+        unit << (out ? "Help saved in " + file : "Cannot write the file " + file) << '\n';
+        unit.flush();
+        return out ? parse_served_markdown : parse_error;
+    } catch (const CLI::CallForHelp& e) {
+        app.exit(e, unit, unit);
+        unit.flush();
+        return parse_served_help;
+    } catch (const CLI::CallForAllHelp& e) {
+        app.exit(e, unit, unit);
+        unit.flush();
+        return parse_served_help;
+    } catch (const CLI::CallForVersion& e) {
+        app.exit(e, unit, unit);
+        unit.flush();
+        return parse_served_version;
+    } catch (const CLI::ParseError& e) {
+        app.exit(e, unit, unit);
+        unit.flush();
+        return e.get_exit_code() > 0 ? e.get_exit_code() : parse_error;
+    }
+    impl_->ignored = app.remaining(true);
+    return parse_ok;
+}
+
+int command_line::get_cla(std::string_view switch_name, std::string& value,
+                          std::string_view group) const {
+    const int k = impl_->find(switch_name, group);
+    if (k < 0) return cla_error_no_such_switch;
+    const auto v = impl_->values(static_cast<std::size_t>(k));
+    if (v.size() != 1) return cla_error_value_count;
+    value = cut_text_value(v.front());
+    return 0;
+}
+
+int command_line::get_cla(std::string_view switch_name, std::int32_t& value,
+                          std::string_view group) const {
+    std::string text;
+    if (const int err = get_cla(switch_name, text, group); err != 0) return err;
+    return read_integer_list_directed(text, value) ? 0 : cla_error_conversion;
+}
+
+int command_line::get_cla(std::string_view switch_name, double& value,
+                          std::string_view group) const {
+    std::string text;
+    if (const int err = get_cla(switch_name, text, group); err != 0) return err;
+    return read_real_list_directed(text, value) ? 0 : cla_error_conversion;
+}
+
+int command_line::get_cla(std::string_view switch_name, bool& value, std::string_view group) const {
+    const int k = impl_->find(switch_name, group);
+    if (k < 0) return cla_error_no_such_switch;
+    const option_spec& spec = table[static_cast<std::size_t>(k)];
+    if (spec.nargs == 0 && impl_->given(static_cast<std::size_t>(k))) {
+        value = spec.action != "store_false";
+        return 0;
+    }
+    const auto v = impl_->values(static_cast<std::size_t>(k));
+    if (v.size() != 1) return cla_error_value_count;
+    return parse_logical(v.front(), value) ? 0 : cla_error_conversion;
+}
+
+int command_line::get_cla_list(std::string_view switch_name, std::vector<std::string>& values,
+                               std::string_view group) const {
+    const int k = impl_->find(switch_name, group);
+    if (k < 0) return cla_error_no_such_switch;
+    values.clear();
+    for (const auto& v : impl_->values(static_cast<std::size_t>(k)))
+        values.push_back(cut_text_value(v));
+    return 0;
+}
+
+bool command_line::is_called_group(std::string_view group) const {
+    const CLI::App* sub = impl_->group_app(group);
+    return sub != nullptr && sub->parsed();
+}
+
+const std::vector<std::string>& command_line::ignored_arguments() const { return impl_->ignored; }
+
+std::string command_line::usage() const { return impl_->app.help(); }
+
+std::string command_line::markdown() const {
+    std::ostringstream md;
+    const std::string prog = impl::to_lower_word(program_word);
+    md << "# " << prog << "\n\n" << program_description << "\n\n";
+    md << "Version: " << program_version << "\n\n";
+    md << "## Usage\n\n```\n" << prog << " [common options] {";
+    for (std::size_t g = 0; g < groups.size(); ++g)
+        md << (g ? " | " : "") << groups[g].name << " [" << groups[g].name << " options]";
+    md << "}\n```\n\nCommon options may stand before or after the group word; the groups are "
+          "mutually exclusive.\n";
+    auto section = [&](std::string_view group, std::string_view title) {
+        md << "\n## " << title << "\n\n";
+        bool any = false;
+        for (const auto& spec : table) {
+            if (spec.group != group) continue;
+            if (!any)
+                md << "| Switch | Abbreviation | Required | Default | Values | Excludes | Help |\n"
+                      "|---|---|---|---|---|---|---|\n";
+            any = true;
+            md << "| `" << spec.switch_name << "` | "
+               << (spec.abbreviation.empty() ? "" : "`" + std::string(spec.abbreviation) + "`")
+               << " | " << (spec.required ? "yes" : "no") << " | `" << spec.default_value
+               << "` | " << spec.nargs << " | "
+               << (spec.excludes.empty() ? "" : "`" + std::string(spec.excludes) + "`") << " | "
+               << spec.help << " |\n";
+        }
+        if (!any) md << "No options of its own.\n";
+    };
+    section("", "Common options");
+    for (const auto& g : groups)
+        section(g.name, "Group `" + std::string(g.name) + "`: " + std::string(g.description));
+    md << "\n## Built-in switches\n\n| Switch | Help |\n|---|---|\n"
+          "| `-h`, `--help` | Print this help message |\n"
+          "| `--version` | Print version |\n"
+          "| `--markdown` | Save this help message in a Markdown file |\n";
+    return md.str();
+}
+
+}  // namespace krel

@@ -1,0 +1,105 @@
+#include "util/blascore.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cctype>
+#include <cstdlib>
+#include <string>
+
+#include <cblas.h>
+
+namespace krel {
+
+namespace {
+constexpr const char* library_core_variable = "KREL_BLAS_LIBRARY_CORE";
+constexpr const char* opt_out_variable = "KREL_KEEP_BLAS_CORE";
+
+std::string lower(std::string_view s) {
+    std::string out(s);
+    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return out;
+}
+
+bool env_set(const char* name) {
+    const char* v = std::getenv(name);
+    return v != nullptr && *v != '\0';
+}
+}  // namespace
+
+std::string preferred_blas_core() {
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+        __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
+        __builtin_cpu_supports("avx512cd"))
+        return "SkylakeX";
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return "Haswell";
+    if (__builtin_cpu_supports("avx")) return "SandyBridge";
+    return {};
+}
+
+int blas_core_rank(std::string_view name) {
+    static const std::array<std::string_view, 16> generic = {
+        "unknown", "katmai",  "coppermine", "northwood", "prescott", "banias",
+        "atom",    "core2",   "penryn",     "dunnington", "nehalem", "athlon",
+        "opteron", "opteron(sse3)", "barcelona", "nano"};
+    static const std::array<std::string_view, 4> avx = {"sandybridge", "bobcat", "bulldozer",
+                                                        "piledriver"};
+    static const std::array<std::string_view, 4> avx2 = {"haswell", "zen", "steamroller",
+                                                         "excavator"};
+    static const std::array<std::string_view, 3> avx512 = {"skylakex", "cooperlake",
+                                                           "sapphirerapids"};
+    const std::string n = lower(name);
+    for (auto g : generic)
+        if (n == g) return 0;
+    for (auto g : avx)
+        if (n == g) return 1;
+    for (auto g : avx2)
+        if (n == g) return 2;
+    for (auto g : avx512)
+        if (n == g) return 3;
+    return -1;
+}
+
+std::string blas_core_in_use() {
+    const char* name = openblas_get_corename();
+    std::string s = name != nullptr ? name : "unknown";
+    while (!s.empty() && std::isspace(static_cast<unsigned char>(s.back()))) s.pop_back();
+    return s;
+}
+
+std::string blas_core_to_select(std::string_view current, std::string_view preferred,
+                                bool user_set_core, bool opted_out) {
+    if (user_set_core || opted_out || preferred.empty()) return {};
+    const int rank = blas_core_rank(current);
+    if (rank < 0 || rank >= blas_core_rank(preferred)) return {};
+    return std::string(preferred);
+}
+
+void select_blas_core(char** argv) {
+    const std::string current = blas_core_in_use();
+    const std::string core = blas_core_to_select(current, preferred_blas_core(),
+                                                 env_set("OPENBLAS_CORETYPE"),
+                                                 env_set(opt_out_variable));
+    if (core.empty()) return;
+    setenv("OPENBLAS_CORETYPE", core.c_str(), 1);
+    setenv(library_core_variable, current.c_str(), 1);
+    execv("/proc/self/exe", argv);
+    // The program goes on with the library's own choice when it cannot be
+    // started again; nothing was changed but the two variables.
+    unsetenv("OPENBLAS_CORETYPE");
+    unsetenv(library_core_variable);
+}
+
+std::string blas_core_report() {
+    const std::string in_use = blas_core_in_use();
+    const char* library = std::getenv(library_core_variable);
+    if (library != nullptr && *library != '\0')
+        return "BLAS core in use: " + in_use + " (selected for this CPU; the library chose " +
+               std::string(library) + ")";
+    if (env_set("OPENBLAS_CORETYPE"))
+        return "BLAS core in use: " + in_use + " (set by OPENBLAS_CORETYPE)";
+    return "BLAS core in use: " + in_use;
+}
+
+}  // namespace krel

@@ -1,0 +1,71 @@
+#include "util/modstructure.h"
+
+#include <cassert>
+#include <fstream>
+#include <source_location>
+#include <string>
+
+#include "util/logger.h"
+#include "util/modbasic.h"
+#include "util/stop.h"
+
+namespace krel {
+
+namespace {
+
+constexpr std::string_view module_name = "modstructure";
+
+// "write_densesquare (file:line)" for the place of the call.
+std::string where(const std::source_location loc = std::source_location::current()) {
+    std::string_view file = loc.file_name();
+    if (const auto slash = file.rfind('/'); slash != std::string_view::npos) file.remove_prefix(slash + 1);
+    return "write_densesquare (" + std::string(file) + ":" + std::to_string(loc.line()) + ")";
+}
+
+}  // namespace
+
+void densesquare_type::write_densesquare(const std::string& filename,
+                                         std::string_view format) const {
+    if (format != "_tri" && format != "tri") {
+        // A wrong format is a slip in a request for extra output: the
+        // evaluation itself is unaffected, so the run goes on.
+        global_logger().log_error("The format \"" + std::string(format) +
+                                      "\" for the densesquare matrix is not implemented!",
+                                  module_name, where());
+        return;
+    }
+
+    assert(ids.size() >= static_cast<std::size_t>(n) && a.rows() >= n && a.cols() >= n);
+    std::ofstream out(filename, std::ios::out | std::ios::trunc);
+    if (!out) {
+        global_logger().log_error("Cannot open the file \"" + filename + "\"", module_name, where());
+        throw error_stop();
+    }
+
+    std::string line = std::to_string(n) + " 0 \n";
+    out << line;
+    line.clear();
+    for (std::int32_t i = 0; i < n; ++i) {
+        line += std::to_string(ids[static_cast<std::size_t>(i)]);
+        line += ' ';
+    }
+    line += '\n';
+    out << line;
+    for (dmatrix::index_type i = 1; i <= n; ++i) {
+        line.clear();
+        const double* ci = a.column(i);
+        for (dmatrix::index_type k = 0; k < i; ++k) {
+            line += realtochar(ci[k], "(e0.8)");
+            line += ' ';
+        }
+        line += '\n';
+        out << line;
+    }
+    out.close();
+    if (!out) {
+        global_logger().log_error("Cannot write the file \"" + filename + "\"", module_name, where());
+        throw error_stop();
+    }
+}
+
+}  // namespace krel

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "util/logger.h"
+#include "util/modstructure.h"
+#include "util/stop.h"
+
+namespace krel {
+namespace {
+
+namespace fs = std::filesystem;
+
+class WriteDensesquare : public ::testing::Test {
+protected:
+    void SetUp() override {
+        global_logger().reset();
+        global_logger().add_log_unit(log_);
+        global_logger().configure(std::nullopt, std::nullopt, std::nullopt, std::nullopt, false);
+        dir_ = fs::temp_directory_path() /
+               ("krel_densesquare_" + std::to_string(::getpid()) + "_" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+
+        // The upper triangle holds the matrix; the lower one is filled with
+        // other values so that output from the wrong triangle shows.
+        m_.n = 3;
+        m_.ids = {7, 12, 3};
+        m_.a.resize(3, 3);
+        m_.a.assign(999.0);
+        m_.a(1, 1) = 1.5;
+        m_.a(1, 2) = -0.5;
+        m_.a(2, 2) = 2.0;
+        m_.a(1, 3) = 0.0;
+        m_.a(2, 3) = 1234.5678;
+        m_.a(3, 3) = 1e-3;
+    }
+    void TearDown() override {
+        global_logger().reset();
+        fs::remove_all(dir_);
+    }
+
+    static std::string slurp(const fs::path& p) {
+        std::ifstream in(p, std::ios::binary);
+        std::ostringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+
+    std::ostringstream log_;
+    fs::path dir_;
+    densesquare_type m_;
+};
+
+TEST_F(WriteDensesquare, TriangleFormatsWriteTheUpperTriangleByColumns) {
+    const std::string expected =
+        "3 0 \n"
+        "7 12 3 \n"
+        // Minimum width: the exponent takes as few digits as it needs, none when zero.
+        "0.15000000E+1 \n"
+        "-0.50000000 0.20000000E+1 \n"
+        "0.00000000 0.12345678E+4 0.10000000E-2 \n";
+    const fs::path tri = dir_ / "tri.txt";
+    const fs::path utri = dir_ / "utri.txt";
+    {
+        std::ofstream old(tri);
+        old << "a much longer old content that has to disappear entirely\n";
+    }
+    m_.write_densesquare(tri.string(), "tri");
+    m_.write_densesquare(utri.string(), "_tri");
+    EXPECT_EQ(slurp(tri), expected);
+    EXPECT_EQ(slurp(utri), expected);
+    EXPECT_EQ(log_.str(), "");
+}
+
+TEST_F(WriteDensesquare, UnknownFormatIsLoggedAndWritesNothing) {
+    const fs::path p = dir_ / "full.txt";
+    EXPECT_NO_THROW(m_.write_densesquare(p.string(), "full"));
+    EXPECT_FALSE(fs::exists(p));
+    const std::string log = log_.str();
+    EXPECT_EQ(log.rfind("modstructure % write_densesquare (", 0), 0u) << log;
+    EXPECT_NE(log.find("): ERROR: The format \"full\" for the densesquare matrix is not implemented!\n"),
+              std::string::npos)
+        << log;
+}
+
+TEST_F(WriteDensesquare, UnopenableFileIsLoggedAndStops) {
+    const fs::path p = dir_ / "missing_directory" / "m.txt";
+    EXPECT_THROW(m_.write_densesquare(p.string(), "tri"), error_stop);
+    EXPECT_NE(log_.str().find(p.string()), std::string::npos) << log_.str();
+    EXPECT_NE(log_.str().find("ERROR"), std::string::npos) << log_.str();
+}
+
+}  // namespace
+}  // namespace krel
