@@ -3,50 +3,18 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-namespace krel::testing {
+#include "test_support.h"
 
-inline std::string read_text(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+namespace krel::testing {
 
 inline std::string shell_quote(const std::string& s) {
     std::string q = "'";
     for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return q + "'";
 }
-
-class scratch_dir {
-public:
-    scratch_dir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "krel-test-XXXXXX").string();
-        path_ = mkdtemp(pattern.data());
-    }
-    ~scratch_dir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    scratch_dir(const scratch_dir&) = delete;
-    scratch_dir& operator=(const scratch_dir&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-    void write(const std::string& name, const std::string& text) const {
-        std::ofstream(path_ / name) << text;
-    }
-    bool exists(const std::string& name) const { return std::filesystem::exists(path_ / name); }
-    std::string read(const std::string& name) const { return read_text(path_ / name); }
-
-private:
-    std::filesystem::path path_;
-};
 
 struct run_result {
     int status = -1;
@@ -77,10 +45,6 @@ inline run_result run_binary(const scratch_dir& dir, const std::vector<std::stri
     r.err = dir.read("stderr.txt");
     r.log = dir.read("log_krel.dat");
     return r;
-}
-
-inline bool contains(const std::string& text, const std::string& piece) {
-    return text.find(piece) != std::string::npos;
 }
 
 }  // namespace krel::testing

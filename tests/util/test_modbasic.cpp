@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_support.h"
+
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
@@ -375,37 +377,24 @@ TEST(ProgressBar, NothingForAnEmptyLoop) {
 
 class MakeDirectory : public ::testing::Test {
 protected:
-    void SetUp() override {
-        root_ = std::filesystem::temp_directory_path() /
-                ("krel_make_directory_" + std::to_string(::getpid()) + "_" +
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(root_);
-        global_logger().reset();
-        global_logger().configure(std::nullopt, std::nullopt, std::nullopt, std::nullopt, false);
-        global_logger().add_log_unit(log_);
-    }
-    void TearDown() override {
-        global_logger().reset();
-        std::filesystem::remove_all(root_);
-    }
-
-    std::filesystem::path root_;
-    std::ostringstream log_;
+    testing::scratch_dir dir_;
+    const std::filesystem::path root_ = dir_ / "root";
+    testing::log_capture log_;
 };
 
 TEST_F(MakeDirectory, CreatesParentsAndLogsSuccess) {
     const std::string path = (root_ / "a" / "b" / "c").string();
     EXPECT_TRUE(make_directory(path));
     EXPECT_TRUE(std::filesystem::is_directory(path));
-    EXPECT_EQ(log_.str(), path + " created sucessfully\n");
+    EXPECT_EQ(log_.text(), path + " created sucessfully\n");
 }
 
 TEST_F(MakeDirectory, ExistingDirectoryIsSuccess) {
     const std::string path = (root_ / "d").string() + "/";
     ASSERT_TRUE(make_directory(path));
-    log_.str("");
+    log_.clear();
     EXPECT_TRUE(make_directory(path));
-    EXPECT_NE(log_.str().find("created sucessfully"), std::string::npos);
+    EXPECT_NE(log_.text().find("created sucessfully"), std::string::npos);
 }
 
 TEST_F(MakeDirectory, FailureIsLoggedAndReturned) {
@@ -415,15 +404,15 @@ TEST_F(MakeDirectory, FailureIsLoggedAndReturned) {
     const std::string path = (file / "sub").string();
     EXPECT_FALSE(make_directory(path));
     EXPECT_FALSE(std::filesystem::exists(path));
-    const std::string text = log_.str();
+    const std::string text = log_.text();
     EXPECT_NE(text.find("modbasic % make_directory ("), std::string::npos) << text;
     EXPECT_NE(text.find("ERROR: "), std::string::npos) << text;
     EXPECT_NE(text.find(path), std::string::npos) << text;
     EXPECT_EQ(text.find("sucessfully"), std::string::npos) << text;
 
-    log_.str("");
+    log_.clear();
     EXPECT_FALSE(make_directory(file.string()));  // a file of that name is in the way
-    EXPECT_NE(log_.str().find("ERROR: "), std::string::npos);
+    EXPECT_NE(log_.text().find("ERROR: "), std::string::npos);
 }
 
 }  // namespace

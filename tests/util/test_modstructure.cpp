@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_support.h"
+
 #include <unistd.h>
 
 #include <filesystem>
@@ -19,15 +21,6 @@ namespace fs = std::filesystem;
 class WriteDensesquare : public ::testing::Test {
 protected:
     void SetUp() override {
-        global_logger().reset();
-        global_logger().add_log_unit(log_);
-        global_logger().configure(std::nullopt, std::nullopt, std::nullopt, std::nullopt, false);
-        dir_ = fs::temp_directory_path() /
-               ("krel_densesquare_" + std::to_string(::getpid()) + "_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-
         // The upper triangle holds the matrix; the lower one is filled with
         // other values so that output from the wrong triangle shows.
         m_.n = 3;
@@ -41,20 +34,8 @@ protected:
         m_.a(2, 3) = 1234.5678;
         m_.a(3, 3) = 1e-3;
     }
-    void TearDown() override {
-        global_logger().reset();
-        fs::remove_all(dir_);
-    }
-
-    static std::string slurp(const fs::path& p) {
-        std::ifstream in(p, std::ios::binary);
-        std::ostringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-
-    std::ostringstream log_;
-    fs::path dir_;
+    testing::log_capture log_;
+    testing::scratch_dir dir_;
     densesquare_type m_;
 };
 
@@ -74,16 +55,16 @@ TEST_F(WriteDensesquare, TriangleFormatsWriteTheUpperTriangleByColumns) {
     }
     m_.write_densesquare(tri.string(), "tri");
     m_.write_densesquare(utri.string(), "_tri");
-    EXPECT_EQ(slurp(tri), expected);
-    EXPECT_EQ(slurp(utri), expected);
-    EXPECT_EQ(log_.str(), "");
+    EXPECT_EQ(testing::read_text(tri), expected);
+    EXPECT_EQ(testing::read_text(utri), expected);
+    EXPECT_EQ(log_.text(), "");
 }
 
 TEST_F(WriteDensesquare, UnknownFormatIsLoggedAndWritesNothing) {
     const fs::path p = dir_ / "full.txt";
     EXPECT_NO_THROW(m_.write_densesquare(p.string(), "full"));
     EXPECT_FALSE(fs::exists(p));
-    const std::string log = log_.str();
+    const std::string log = log_.text();
     EXPECT_EQ(log.rfind("modstructure % write_densesquare (", 0), 0u) << log;
     EXPECT_NE(log.find("): ERROR: The format \"full\" for the densesquare matrix is not implemented!\n"),
               std::string::npos)
@@ -93,8 +74,8 @@ TEST_F(WriteDensesquare, UnknownFormatIsLoggedAndWritesNothing) {
 TEST_F(WriteDensesquare, UnopenableFileIsLoggedAndStops) {
     const fs::path p = dir_ / "missing_directory" / "m.txt";
     EXPECT_THROW(m_.write_densesquare(p.string(), "tri"), error_stop);
-    EXPECT_NE(log_.str().find(p.string()), std::string::npos) << log_.str();
-    EXPECT_NE(log_.str().find("ERROR"), std::string::npos) << log_.str();
+    EXPECT_NE(log_.text().find(p.string()), std::string::npos) << log_.text();
+    EXPECT_NE(log_.text().find("ERROR"), std::string::npos) << log_.text();
 }
 
 }  // namespace
