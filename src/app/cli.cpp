@@ -86,6 +86,17 @@ bool cli11_nameable(std::string_view abbreviation) {
 
 struct markdown_request {};
 
+// The kind of value an option takes, for the help text.
+std::string value_name(const option_spec& spec) {
+    if (spec.nargs == 2) return "FILE EFFECT";
+    if (spec.default_value == "none") return "FILE";
+    std::int32_t i = 0;
+    double r = 0.0;
+    if (read_integer_list_directed(spec.default_value, i)) return "INT";
+    if (read_real_list_directed(spec.default_value, r)) return "REAL";
+    return "WORD";
+}
+
 class table_formatter : public CLI::Formatter {
 public:
     std::string make_option_name(const CLI::Option* opt, bool is_positional) const override {
@@ -268,7 +279,7 @@ struct command_line::impl {
                           ->expected(spec.nargs)
                           ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
                           ->default_str(std::string(spec.default_value));
-                opt->type_name(spec.nargs == 1 ? "TEXT" : "TEXT INT");
+                opt->type_name(value_name(spec));
             }
             if (spec.required) opt->required();
             options[k] = opt;
