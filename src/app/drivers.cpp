@@ -158,13 +158,11 @@ void echo_krel_options(const krel_group_options& o) {
 void run_krel(const command_line& cli, const run_options& /*opts*/) {
     const krel_group_options kopts = read_krel_options(cli);
     echo_krel_options(kopts);
-    krel_type krel;
-    (void)krel;
+    [[maybe_unused]] krel_type krel;
 }
 
 void run_gwas(const command_line& /*cli*/, const run_options& opts) {
-    krel_type krel;
-    (void)krel;
+    [[maybe_unused]] krel_type krel;
     if (opts.gwas_file == "none" && opts.mgwas_file == "none") {
         global_logger().log_error("GWAS approach: a solution file must be provided");
         throw error_stop();
