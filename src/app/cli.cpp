@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-constexpr std::array<option_spec, 28> table = {{
+constexpr std::array<option_row, 28> table = {{
     {"--blocks", "", "", false, "-9", "", 1, "",
      "Number of consecutive SNPs considered for building the coefficient matrix of SNPBLUP"},
     {"--gen", "", "", true, "none", "", 1, "", "Name of the genotype file"},
@@ -69,11 +69,11 @@ constexpr std::array<option_spec, 28> table = {{
      "To approximate genomic REL for ungenotyped animals by using the Tier and Meyer algorithm"},
 }};
 
-struct group_spec {
+struct group_row {
     std::string_view name;
     std::string_view description;
 };
-constexpr std::array<group_spec, 2> groups = {{
+constexpr std::array<group_row, 2> groups = {{
     {"krel", "To approximate genomic reliabilities from pedigree-based reliabilities"},
     {"gwas", "To compute p-values from Pedigree REL (or PEV) and genotypes"},
 }};
@@ -87,13 +87,13 @@ bool cli11_nameable(std::string_view abbreviation) {
 struct markdown_request {};
 
 // The kind of value an option takes, for the help text.
-std::string value_name(const option_spec& spec) {
-    if (spec.nargs == 2) return "FILE EFFECT";
-    if (spec.default_value == "none") return "FILE";
+std::string value_name(const option_row& row) {
+    if (row.nargs == 2) return "FILE EFFECT";
+    if (row.default_value == "none") return "FILE";
     std::int32_t i = 0;
     double r = 0.0;
-    if (read_integer_list_directed(spec.default_value, i)) return "INT";
-    if (read_real_list_directed(spec.default_value, r)) return "REAL";
+    if (read_integer_list_directed(row.default_value, i)) return "INT";
+    if (read_real_list_directed(row.default_value, r)) return "REAL";
     return "WORD";
 }
 
@@ -101,10 +101,10 @@ class table_formatter : public CLI::Formatter {
 public:
     std::string make_option_name(const CLI::Option* opt, bool is_positional) const override {
         std::string name = CLI::Formatter::make_option_name(opt, is_positional);
-        for (const auto& spec : table) {
-            if (!spec.abbreviation.empty() && !cli11_nameable(spec.abbreviation) &&
-                opt->check_lname(std::string(spec.switch_name.substr(2))))
-                return std::string(spec.abbreviation) + "," + name;
+        for (const auto& row : table) {
+            if (!row.abbreviation.empty() && !cli11_nameable(row.abbreviation) &&
+                opt->check_lname(std::string(row.switch_name.substr(2))))
+                return std::string(row.abbreviation) + "," + name;
         }
         return name;
     }
@@ -145,7 +145,7 @@ std::vector<std::string> split_blanks(std::string_view text) {
 
 }  // namespace
 
-std::span<const option_spec> option_table() { return table; }
+std::span<const option_row> option_table() { return table; }
 
 std::string cut_text_value(std::string_view value) {
     if (value.size() > cla_text_length) value = value.substr(0, cla_text_length);
@@ -265,23 +265,23 @@ struct command_line::impl {
         // second group word as an ignored extra instead of refusing the pair.
         group_apps[0]->excludes(group_apps[1]);
         for (std::size_t k = 0; k < table.size(); ++k) {
-            const option_spec& spec = table[k];
-            CLI::App* owner = spec.group.empty() ? &app : group_app(spec.group);
-            std::string name(spec.switch_name);
-            if (!spec.abbreviation.empty() && cli11_nameable(spec.abbreviation))
-                name = std::string(spec.abbreviation) + "," + name;
+            const option_row& row = table[k];
+            CLI::App* owner = row.group.empty() ? &app : group_app(row.group);
+            std::string name(row.switch_name);
+            if (!row.abbreviation.empty() && cli11_nameable(row.abbreviation))
+                name = std::string(row.abbreviation) + "," + name;
             CLI::Option* opt = nullptr;
-            if (spec.nargs == 0) {
-                opt = owner->add_flag(name)->description(std::string(spec.help));
+            if (row.nargs == 0) {
+                opt = owner->add_flag(name)->description(std::string(row.help));
             } else {
                 opt = owner->add_option(name)
-                          ->description(std::string(spec.help))
-                          ->expected(spec.nargs)
+                          ->description(std::string(row.help))
+                          ->expected(row.nargs)
                           ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-                          ->default_str(std::string(spec.default_value));
-                opt->type_name(value_name(spec));
+                          ->default_str(std::string(row.default_value));
+                opt->type_name(value_name(row));
             }
-            if (spec.required) opt->required();
+            if (row.required) opt->required();
             options[k] = opt;
         }
     }
@@ -302,9 +302,9 @@ struct command_line::impl {
     // abbreviation) in `group`, or -1.
     int find(std::string_view switch_name, std::string_view group) const {
         for (std::size_t k = 0; k < table.size(); ++k) {
-            const option_spec& spec = table[k];
-            if (spec.group != group) continue;
-            if (spec.switch_name == switch_name || spec.abbreviation == switch_name)
+            const option_row& row = table[k];
+            if (row.group != group) continue;
+            if (row.switch_name == switch_name || row.abbreviation == switch_name)
                 return static_cast<int>(k);
         }
         return -1;
@@ -349,10 +349,10 @@ int command_line::parse(const std::vector<std::string>& args) {
     reversed.reserve(args.size());
     for (auto it = args.rbegin(); it != args.rend(); ++it) {
         std::string arg = *it;
-        for (const auto& spec : table)
-            if (!spec.abbreviation.empty() && !cli11_nameable(spec.abbreviation) &&
-                arg == spec.abbreviation)
-                arg = std::string(spec.switch_name);
+        for (const auto& row : table)
+            if (!row.abbreviation.empty() && !cli11_nameable(row.abbreviation) &&
+                arg == row.abbreviation)
+                arg = std::string(row.switch_name);
         reversed.push_back(std::move(arg));
     }
     CLI::App& app = impl_->app;
@@ -415,9 +415,9 @@ int command_line::get_cla(std::string_view switch_name, double& value,
 int command_line::get_cla(std::string_view switch_name, bool& value, std::string_view group) const {
     const int k = impl_->find(switch_name, group);
     if (k < 0) return cla_error_no_such_switch;
-    const option_spec& spec = table[static_cast<std::size_t>(k)];
-    if (spec.nargs == 0 && impl_->given(static_cast<std::size_t>(k))) {
-        value = spec.action != "store_false";
+    const option_row& row = table[static_cast<std::size_t>(k)];
+    if (row.nargs == 0 && impl_->given(static_cast<std::size_t>(k))) {
+        value = row.action != "store_false";
         return 0;
     }
     const auto v = impl_->values(static_cast<std::size_t>(k));
@@ -457,18 +457,18 @@ std::string command_line::markdown() const {
     auto section = [&](std::string_view group, std::string_view title) {
         md << "\n## " << title << "\n\n";
         bool any = false;
-        for (const auto& spec : table) {
-            if (spec.group != group) continue;
+        for (const auto& row : table) {
+            if (row.group != group) continue;
             if (!any)
                 md << "| Switch | Abbreviation | Required | Default | Values | Excludes | Help |\n"
                       "|---|---|---|---|---|---|---|\n";
             any = true;
-            md << "| `" << spec.switch_name << "` | "
-               << (spec.abbreviation.empty() ? "" : "`" + std::string(spec.abbreviation) + "`")
-               << " | " << (spec.required ? "yes" : "no") << " | `" << spec.default_value
-               << "` | " << spec.nargs << " | "
-               << (spec.excludes.empty() ? "" : "`" + std::string(spec.excludes) + "`") << " | "
-               << spec.help << " |\n";
+            md << "| `" << row.switch_name << "` | "
+               << (row.abbreviation.empty() ? "" : "`" + std::string(row.abbreviation) + "`")
+               << " | " << (row.required ? "yes" : "no") << " | `" << row.default_value
+               << "` | " << row.nargs << " | "
+               << (row.excludes.empty() ? "" : "`" + std::string(row.excludes) + "`") << " | "
+               << row.help << " |\n";
         }
         if (!any) md << "No options of its own.\n";
     };

@@ -13,7 +13,7 @@
 
 namespace krel {
 
-struct option_spec {
+struct option_row {
     std::string_view switch_name;   // "--gen"
     std::string_view abbreviation;  // "--ifile", "-vb", "-m" or empty
     std::string_view group;         // empty for the common part
@@ -26,7 +26,7 @@ struct option_spec {
 };
 
 // All options, in the order in which they are added to the parser.
-std::span<const option_spec> option_table();
+std::span<const option_row> option_table();
 
 inline constexpr std::string_view program_description =
     "Program to approximate ERCs, genomic reliabilities and/or p-values based on pedigree "
