@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 
 #include "app/modheader.h"
+#include "util/modcommon.h"
 
 namespace krel {
 
@@ -110,13 +111,6 @@ public:
     }
 };
 
-std::string_view trim_blanks(std::string_view s) {
-    const auto b = s.find_first_not_of(" \t");
-    if (b == std::string_view::npos) return {};
-    const auto e = s.find_last_not_of(" \t");
-    return s.substr(b, e - b + 1);
-}
-
 // First item of a list-directed record.
 std::string_view first_item(std::string_view text) {
     const auto b = text.find_first_not_of(" \t");
@@ -127,8 +121,7 @@ std::string_view first_item(std::string_view text) {
 }
 
 bool parse_logical(std::string_view text, bool& value) {
-    std::string t(trim_blanks(text));
-    std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return std::tolower(c); });
+    std::string t = to_lower(trim(text));
     if (!t.empty() && t[0] == '.') t.erase(0, 1);
     if (t.starts_with("t")) { value = true; return true; }
     if (t.starts_with("f")) { value = false; return true; }
@@ -167,10 +160,7 @@ bool read_integer_list_directed(std::string_view text, std::int32_t& value) {
 bool read_real_list_directed(std::string_view text, double& value) {
     std::string_view item = first_item(text);
     if (item.empty()) return false;
-    std::string t(item);
-    std::string lowered = t;
-    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
+    const std::string lowered = to_lower(item);
     const bool negative = lowered.starts_with('-');
     std::string_view body = lowered;
     if (body.starts_with('-') || body.starts_with('+')) body.remove_prefix(1);
@@ -245,7 +235,7 @@ struct command_line::impl {
     std::vector<std::string> ignored;
 
     explicit impl(std::ostream& u)
-        : unit(u), app(std::string(program_description), to_lower_word(program_word)) {
+        : unit(u), app(std::string(program_description), to_lower(program_word)) {
         app.formatter(std::make_shared<table_formatter>());
         app.set_help_flag("-h,--help", "Print this help message");
         app.set_version_flag("--version", "krel version " + std::string(program_version),
@@ -284,12 +274,6 @@ struct command_line::impl {
             if (row.required) opt->required();
             options[k] = opt;
         }
-    }
-
-    static std::string to_lower_word(std::string_view w) {
-        std::string s(w);
-        for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        return s;
     }
 
     CLI::App* group_app(std::string_view name) const {
@@ -361,7 +345,7 @@ int command_line::parse(const std::vector<std::string>& args) {
         app.parse(reversed);
         impl_->check_after_parse();
     } catch (const markdown_request&) {
-        const std::string file = impl::to_lower_word(program_word) + ".md";
+        const std::string file = to_lower(program_word) + ".md";
         std::ofstream out(file, std::ios::out | std::ios::trunc);
         out << markdown();
         unit << (out ? "Help saved in " + file : "Cannot write the file " + file) << '\n';
@@ -446,7 +430,7 @@ std::string command_line::usage() const { return impl_->app.help(); }
 
 std::string command_line::markdown() const {
     std::ostringstream md;
-    const std::string prog = impl::to_lower_word(program_word);
+    const std::string prog = to_lower(program_word);
     md << "# " << prog << "\n\n" << program_description << "\n\n";
     md << "Version: " << program_version << "\n\n";
     md << "## Usage\n\n```\n" << prog << " [common options] {";

@@ -16,6 +16,7 @@
 
 #include "util/logger.h"
 #include "util/modbasic.h"
+#include "util/modcommon.h"
 #include "util/stop.h"
 
 namespace krel {
@@ -26,22 +27,15 @@ double starttime = 0.0;
 const std::string banner_rule(82, '*');
 const std::string banner_indent = "\n" + std::string(14, ' ');
 
-std::string trim(std::string_view s) {
-    const auto b = s.find_first_not_of(" \t\r\n");
-    if (b == std::string_view::npos) return {};
-    const auto e = s.find_last_not_of(" \t\r\n");
-    return std::string(s.substr(b, e - b + 1));
-}
-
 std::string host_name() {
     char buffer[66] = {};
     if (gethostname(buffer, 65) != 0) return {};
     buffer[65] = '\0';
-    return trim(buffer);
+    return std::string(trim(buffer));
 }
 }  // namespace
 
-std::string marker_file(std::string_view name) { return "OK_" + trim(name); }
+std::string marker_file(std::string_view name) { return "OK_" + std::string(trim(name)); }
 
 void run_script(const std::string& name) {
     std::error_code ec;
@@ -51,7 +45,7 @@ void run_script(const std::string& name) {
     std::string line;
     while (std::getline(in, line)) {
         if (line.size() > 1000) line.resize(1000);
-        const std::string command = trim(line);
+        const std::string command(trim(line));
         global_logger().log_information(" Will perform: " + command);
         std::fflush(nullptr);
         const int raw = std::system(command.c_str());
@@ -66,7 +60,7 @@ void run_script(const std::string& name) {
 }
 
 void write_nameprog(std::string_view name) {
-    const std::string trimmed = trim(name);
+    const std::string trimmed(trim(name));
     const int len = static_cast<int>(trimmed.size());
     const int p = (78 - len) / 2;
     const std::string pad(static_cast<std::size_t>(std::max(p + 1, 0)), ' ');
@@ -94,8 +88,8 @@ void header(std::string_view name, std::string_view version, std::string_view co
     write_nameprog(name);
     log.log_message(banner_indent + "Compiler: GCC version " + __VERSION__);
     log.log_message(banner_indent + "Compiled on " + __DATE__ + " at " + __TIME__);
-    if (!version.empty()) log.log_message(banner_indent + "Version: " + trim(version));
-    if (!commit.empty()) log.log_message(banner_indent + "Commit : " + trim(commit));
+    if (!version.empty()) log.log_message(banner_indent + "Version: " + std::string(trim(version)));
+    if (!commit.empty()) log.log_message(banner_indent + "Commit : " + std::string(trim(commit)));
     log.log_message(banner_indent + "Compiled for AMD CPUs");
     log.log_message(banner_indent + "Host   : " + host_name());
 #pragma omp parallel

@@ -9,17 +9,13 @@
 
 #include <cblas.h>
 
+#include "util/modcommon.h"
+
 namespace krel {
 
 namespace {
 constexpr const char* library_core_variable = "KREL_BLAS_LIBRARY_CORE";
 constexpr const char* opt_out_variable = "KREL_KEEP_BLAS_CORE";
-
-std::string lower(std::string_view s) {
-    std::string out(s);
-    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
-}
 
 bool env_set(const char* name) {
     const char* v = std::getenv(name);
@@ -49,7 +45,7 @@ int blas_core_rank(std::string_view name) {
                                                          "excavator"};
     static const std::array<std::string_view, 3> avx512 = {"skylakex", "cooperlake",
                                                            "sapphirerapids"};
-    const std::string n = lower(name);
+    const std::string n = to_lower(name);
     for (auto g : generic)
         if (n == g) return 0;
     for (auto g : avx)
@@ -63,9 +59,7 @@ int blas_core_rank(std::string_view name) {
 
 std::string blas_core_in_use() {
     const char* name = openblas_get_corename();
-    std::string s = name != nullptr ? name : "unknown";
-    while (!s.empty() && std::isspace(static_cast<unsigned char>(s.back()))) s.pop_back();
-    return s;
+    return name != nullptr ? std::string(trim(name)) : "unknown";
 }
 
 std::string blas_core_to_select(std::string_view current, std::string_view preferred,

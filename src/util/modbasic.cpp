@@ -25,12 +25,6 @@ constexpr int max_field = 4096;
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
-std::string_view trim_blanks(std::string_view s) {
-    while (!s.empty() && is_blank(s.front())) s.remove_prefix(1);
-    while (!s.empty() && is_blank(s.back())) s.remove_suffix(1);
-    return s;
-}
-
 [[noreturn]] void bad_format(std::string_view format) {
     throw std::invalid_argument("Unsupported edit descriptor \"" + std::string(format) + "\"");
 }
@@ -68,7 +62,7 @@ struct int_item {
 // Splits an integer format list into items. Blanks outside quotes carry no
 // meaning in a format; a doubled quote inside a literal stands for itself.
 std::vector<int_item> parse_int_format(std::string_view format) {
-    std::string_view body = strip_parentheses(trim_blanks(format), format);
+    std::string_view body = strip_parentheses(trim(format), format);
     std::vector<std::string> tokens;
     std::vector<bool> quoted;
     std::string current;
@@ -186,7 +180,7 @@ std::string int_to_text(std::int64_t value, std::string_view format) {
                 break;
         }
     }
-    return laid_out ? out : std::string(trim_blanks(out));
+    return laid_out ? out : std::string(trim(out));
 }
 
 // ------------------------------------------------------------------- reals

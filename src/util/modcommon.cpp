@@ -104,4 +104,12 @@ std::string to_lower(std::string_view text) {
     return out;
 }
 
+std::string_view trim(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r\n";
+    const auto b = text.find_first_not_of(blanks);
+    if (b == std::string_view::npos) return {};
+    const auto e = text.find_last_not_of(blanks);
+    return text.substr(b, e - b + 1);
+}
+
 }  // namespace krel

@@ -54,4 +54,7 @@ bool make_directory_all(const std::filesystem::path& path, std::error_code& ec);
 // ASCII lower case; other bytes are left alone.
 std::string to_lower(std::string_view text);
 
+// The text without leading and trailing blanks, tabs and line ends.
+std::string_view trim(std::string_view text);
+
 }  // namespace krel

@@ -9,17 +9,9 @@
 
 #include "util/logger.h"
 #include "util/modbasic.h"
+#include "util/modcommon.h"
 
 namespace krel {
-
-namespace {
-std::string trim(std::string_view s) {
-    const auto b = s.find_first_not_of(" \t\r");
-    if (b == std::string_view::npos) return {};
-    const auto e = s.find_last_not_of(" \t\r");
-    return std::string(s.substr(b, e - b + 1));
-}
-}  // namespace
 
 void vmstat(std::ostream& unit, const std::string& status_file) {
     std::error_code ec;
@@ -58,7 +50,7 @@ double wtime::elapsed() const {
 }
 
 void wtime::stop(std::string_view message) const {
-    std::string text = trim(message);
+    std::string text(trim(message));
     text += " - Wall clock time (s): ";
     text += realtochar(elapsed(), "(f0.3)");
     global_logger().log_message(text);

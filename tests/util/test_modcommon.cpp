@@ -103,9 +103,11 @@ TEST(MakeDirectoryAll, ReportsWhyItFailed) {
     }
 }
 
-TEST(ToLower, AsciiOnly) {
+TEST(Text, LowerCaseAndTrim) {
     EXPECT_EQ(to_lower("AbC-Z09_[@"), "abc-z09_[@");
     EXPECT_EQ(to_lower("\xC3\x84X"), "\xC3\x84x");  // UTF-8 bytes left alone
+    EXPECT_EQ(trim(" \t a b \r\n"), "a b");
+    EXPECT_EQ(trim("   "), "");
 }
 
 }  // namespace
