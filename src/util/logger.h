@@ -5,6 +5,7 @@
 #include <iosfwd>
 #include <memory>
 #include <optional>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -66,6 +67,11 @@ private:
     int max_width_ = 0;  // 0: lines are never split
     bool time_stamp_ = true;
 };
+
+// The procedure text of an error line: the routine name and the place of the
+// call, "routine (file.cpp:123)".
+std::string procedure_at(std::string_view routine,
+                         std::source_location where = std::source_location::current());
 
 // The process-wide logger.
 logger_type& global_logger();

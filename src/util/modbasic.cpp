@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <iostream>
 #include <limits>
-#include <source_location>
 #include <stdexcept>
 #include <system_error>
 
@@ -384,10 +383,9 @@ std::string outputfile(std::string_view dir, std::string_view path) {
 bool make_directory(const std::string& path) {
     std::error_code ec;
     if (!make_directory_all(path, ec)) {
-        const std::source_location here = std::source_location::current();
         global_logger().log_error(
             "The directory " + path + " could not be created: " + ec.message(), "modbasic",
-            "make_directory (" + std::string(here.file_name()) + ":" + std::to_string(here.line()) + ")");
+            procedure_at("make_directory"));
         return false;
     }
     global_logger().log_message(path + " created sucessfully");

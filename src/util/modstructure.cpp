@@ -2,7 +2,6 @@
 
 #include <cassert>
 #include <fstream>
-#include <source_location>
 #include <string>
 
 #include "util/logger.h"
@@ -15,13 +14,6 @@ namespace {
 
 constexpr std::string_view module_name = "modstructure";
 
-// "write_densesquare (file:line)" for the place of the call.
-std::string where(const std::source_location loc = std::source_location::current()) {
-    std::string_view file = loc.file_name();
-    if (const auto slash = file.rfind('/'); slash != std::string_view::npos) file.remove_prefix(slash + 1);
-    return "write_densesquare (" + std::string(file) + ":" + std::to_string(loc.line()) + ")";
-}
-
 }  // namespace
 
 void densesquare_type::write_densesquare(const std::string& filename,
@@ -31,14 +23,15 @@ void densesquare_type::write_densesquare(const std::string& filename,
         // evaluation itself is unaffected, so the run goes on.
         global_logger().log_error("The format \"" + std::string(format) +
                                       "\" for the densesquare matrix is not implemented!",
-                                  module_name, where());
+                                  module_name, procedure_at("write_densesquare"));
         return;
     }
 
     assert(ids.size() >= static_cast<std::size_t>(n) && a.rows() >= n && a.cols() >= n);
     std::ofstream out(filename, std::ios::out | std::ios::trunc);
     if (!out) {
-        global_logger().log_error("Cannot open the file \"" + filename + "\"", module_name, where());
+        global_logger().log_error("Cannot open the file \"" + filename + "\"", module_name,
+                                  procedure_at("write_densesquare"));
         throw error_stop();
     }
 
@@ -63,7 +56,8 @@ void densesquare_type::write_densesquare(const std::string& filename,
     }
     out.close();
     if (!out) {
-        global_logger().log_error("Cannot write the file \"" + filename + "\"", module_name, where());
+        global_logger().log_error("Cannot write the file \"" + filename + "\"", module_name,
+                                  procedure_at("write_densesquare"));
         throw error_stop();
     }
 }

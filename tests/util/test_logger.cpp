@@ -96,6 +96,12 @@ TEST(Logger, TimeStampsAreOnByDefault) {
     EXPECT_EQ(text.substr(23), ": x\n");
 }
 
+TEST(Logger, ProcedureTextNamesTheRoutineAndThePlaceOfTheCall) {
+    const int line = __LINE__ + 1;
+    const std::string text = procedure_at("readgf");
+    EXPECT_EQ(text, "readgf (test_logger.cpp:" + std::to_string(line) + ")");
+}
+
 TEST(Logger, UnopenableFileIsRefused) {
     logger_type log;
     EXPECT_THROW(log.add_log_file("/nonexistent-directory/log.dat"), std::runtime_error);
