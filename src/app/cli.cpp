@@ -85,6 +85,10 @@ bool cli11_nameable(std::string_view abbreviation) {
     return abbreviation.starts_with("--") || abbreviation.size() == 2;
 }
 
+bool rewritten_before_parsing(const option_row& row) {
+    return !row.abbreviation.empty() && !cli11_nameable(row.abbreviation);
+}
+
 struct markdown_request {};
 
 // The kind of value an option takes, for the help text.
@@ -103,8 +107,7 @@ public:
     std::string make_option_name(const CLI::Option* opt, bool is_positional) const override {
         std::string name = CLI::Formatter::make_option_name(opt, is_positional);
         for (const auto& row : table) {
-            if (!row.abbreviation.empty() && !cli11_nameable(row.abbreviation) &&
-                opt->check_lname(std::string(row.switch_name.substr(2))))
+            if (rewritten_before_parsing(row) && opt->check_lname(std::string(row.switch_name.substr(2))))
                 return std::string(row.abbreviation) + "," + name;
         }
         return name;
@@ -334,8 +337,7 @@ int command_line::parse(const std::vector<std::string>& args) {
     for (auto it = args.rbegin(); it != args.rend(); ++it) {
         std::string arg = *it;
         for (const auto& row : table)
-            if (!row.abbreviation.empty() && !cli11_nameable(row.abbreviation) &&
-                arg == row.abbreviation)
+            if (rewritten_before_parsing(row) && arg == row.abbreviation)
                 arg = std::string(row.switch_name);
         reversed.push_back(std::move(arg));
     }

@@ -35,25 +35,22 @@ std::string preferred_blas_core() {
 }
 
 int blas_core_rank(std::string_view name) {
-    static const std::array<std::string_view, 16> generic = {
-        "unknown", "katmai",  "coppermine", "northwood", "prescott", "banias",
-        "atom",    "core2",   "penryn",     "dunnington", "nehalem", "athlon",
-        "opteron", "opteron(sse3)", "barcelona", "nano"};
-    static const std::array<std::string_view, 4> avx = {"sandybridge", "bobcat", "bulldozer",
-                                                        "piledriver"};
-    static const std::array<std::string_view, 4> avx2 = {"haswell", "zen", "steamroller",
-                                                         "excavator"};
-    static const std::array<std::string_view, 3> avx512 = {"skylakex", "cooperlake",
-                                                           "sapphirerapids"};
+    struct ranked {
+        std::string_view core;
+        int rank;
+    };
+    static constexpr std::array<ranked, 27> cores = {{
+        {"unknown", 0},     {"katmai", 0},        {"coppermine", 0},  {"northwood", 0},
+        {"prescott", 0},    {"banias", 0},        {"atom", 0},        {"core2", 0},
+        {"penryn", 0},      {"dunnington", 0},    {"nehalem", 0},     {"athlon", 0},
+        {"opteron", 0},     {"opteron(sse3)", 0}, {"barcelona", 0},   {"nano", 0},
+        {"sandybridge", 1}, {"bobcat", 1},        {"bulldozer", 1},   {"piledriver", 1},
+        {"haswell", 2},     {"zen", 2},           {"steamroller", 2}, {"excavator", 2},
+        {"skylakex", 3},    {"cooperlake", 3},    {"sapphirerapids", 3},
+    }};
     const std::string n = to_lower(name);
-    for (auto g : generic)
-        if (n == g) return 0;
-    for (auto g : avx)
-        if (n == g) return 1;
-    for (auto g : avx2)
-        if (n == g) return 2;
-    for (auto g : avx512)
-        if (n == g) return 3;
+    for (const ranked& c : cores)
+        if (n == c.core) return c.rank;
     return -1;
 }
 
