@@ -16,6 +16,7 @@ packages=(
   libmetis-dev libcminpack-dev libsuitesparse-dev
   libcli11-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  time
 )
 
 missing=()
@@ -41,9 +42,9 @@ case "$what" in
     run="$build/example-run"
     mkdir -p "$run"
     cd "$run"
-    data="$root/examples/minimal"
+    data="$root/examples/herd"
     "$build/krel" krel \
-      --ped "$data/pedigree.txt" --gen "$data/genotypes.txt" --freq "$data/frequencies.txt" \
+      --ped "$data/pedigree.txt" --gen "$data/genotypes.bed" --freq compute \
       --h2 "$data/heritability.txt" --gvcv "$data/genetic_vcv.txt" --pev "$data/pev.txt" \
       --effect 1
     echo "Results and log_krel.dat are in $run"

@@ -1,5 +1,5 @@
 #pragma once
-// Runs the real krel binary in a fresh directory and collects what it left.
+// Runs a real binary of the project in a fresh directory and collects what it left.
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -24,15 +24,15 @@ struct run_result {
 };
 
 // `env` is a list of NAME=value words put in front of the command.
-inline run_result run_binary(const scratch_dir& dir, const std::vector<std::string>& args,
-                             const std::string& env = "") {
+inline run_result run_program(const scratch_dir& dir, const std::string& binary,
+                              const std::vector<std::string>& args, const std::string& env = "") {
     // Built piece by piece: g++ 12 warns falsely on "literal" + std::string&&.
     std::string cmd = "cd ";
     cmd += shell_quote(dir.path().string());
     cmd += " && ";
     cmd += env;
     cmd += " ";
-    cmd += shell_quote(KREL_BINARY);
+    cmd += shell_quote(binary);
     for (const auto& a : args) {
         cmd += ' ';
         cmd += shell_quote(a);
@@ -45,6 +45,11 @@ inline run_result run_binary(const scratch_dir& dir, const std::vector<std::stri
     r.err = dir.read("stderr.txt");
     r.log = dir.read("log_krel.dat");
     return r;
+}
+
+inline run_result run_binary(const scratch_dir& dir, const std::vector<std::string>& args,
+                             const std::string& env = "") {
+    return run_program(dir, KREL_BINARY, args, env);
 }
 
 }  // namespace krel::testing

@@ -1,0 +1,438 @@
+// The data generator: invariants of the files it writes, read back here by
+// the rules krel's readers follow, and its reproducibility.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app/binary_run.h"
+#include "simulate/sim_genotypes.h"
+#include "test_support.h"
+
+namespace fs = std::filesystem;
+using krel::testing::read_text;
+using krel::testing::run_program;
+using krel::testing::scratch_dir;
+
+namespace {
+
+std::vector<std::vector<std::string>> records(const fs::path& file) {
+    std::vector<std::vector<std::string>> out;
+    std::ifstream in(file);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream s(line);
+        std::vector<std::string> words;
+        for (std::string w; s >> w;) words.push_back(w);
+        out.push_back(words);
+    }
+    return out;
+}
+
+long long to_int(const std::string& s) { return std::stoll(s); }
+double to_real(const std::string& s) { return std::stod(s); }
+
+// Genotypes of a SNP-major .bed as allele counts, -1 for missing: [snp][individual].
+struct bed_data {
+    std::vector<std::vector<int>> g;
+    bool magic_ok = false;
+    bool padding_zero = true;
+    std::uintmax_t size = 0;
+};
+
+bed_data read_bed(const fs::path& file, std::size_t nsnp, std::size_t nind) {
+    bed_data b;
+    const std::string bytes = read_text(file);
+    b.size = bytes.size();
+    b.magic_ok = bytes.size() >= 3 && bytes.substr(0, 3) == std::string("\x6C\x1B\x01");
+    const std::size_t nbytes = (nind + 3) / 4;
+    if (!b.magic_ok || bytes.size() != 3 + nsnp * nbytes) return b;
+    b.g.assign(nsnp, std::vector<int>(nind));
+    for (std::size_t j = 0; j < nsnp; ++j)
+        for (std::size_t k = 0; k < nbytes * 4; ++k) {
+            const int code = (static_cast<unsigned char>(bytes[3 + j * nbytes + k / 4]) >> (2 * (k % 4))) & 3;
+            if (k >= nind) {
+                b.padding_zero = b.padding_zero && code == 0;
+                continue;
+            }
+            b.g[j][k] = code == 1 ? -1 : (code == 0 ? 0 : code - 1);
+        }
+    return b;
+}
+
+const std::vector<std::string> small_args = {
+    "--seed", "7", "--animals", "1500", "--genotyped", "150", "--snps", "701", "--chromosomes", "3",
+    "--traits", "2", "--groups", "4", "--metafounders", "--missing", "0.02", "--text"};
+
+class generated_set : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        dir_ = std::make_unique<scratch_dir>();
+        std::vector<std::string> args = small_args;
+        args.insert(args.begin(), {"--out", "data"});
+        const auto r = run_program(*dir_, KREL_SIMULATE_BINARY, args);
+        ASSERT_EQ(r.status, 0) << r.err;
+    }
+    static void TearDownTestSuite() { dir_.reset(); }
+    static fs::path file(const std::string& name) { return dir_->path() / "data" / name; }
+
+    static constexpr long long n = 1500, groups = 4, ngeno = 150, nsnp = 701;
+    static std::unique_ptr<scratch_dir> dir_;
+};
+std::unique_ptr<scratch_dir> generated_set::dir_;
+
+TEST_F(generated_set, PedigreeHasOverlappingGenerationsGroupsAndShuffledLevels) {
+    std::map<long long, std::vector<long long>> ped;  // level -> sire, dam, birth year
+    long long maxid = 0, maxall = 0;
+    for (const auto& r : records(file("pedigree.txt"))) {
+        ASSERT_EQ(r.size(), 4u);
+        const long long id = to_int(r[0]), s = to_int(r[1]), d = to_int(r[2]);
+        ASSERT_TRUE(id >= 1 && id <= n) << id;
+        ASSERT_TRUE(s >= 0 && s <= n + groups && d >= 0 && d <= n + groups);
+        ASSERT_TRUE(ped.emplace(id, std::vector<long long>{s, d, to_int(r[3])}).second) << "twice: " << id;
+        maxid = std::max(maxid, id);
+        maxall = std::max({maxall, id, s, d});
+    }
+    // Readers take the animals from the highest identity and the groups from
+    // the excess of the highest parent.
+    EXPECT_EQ(maxid, n);
+    EXPECT_EQ(maxall - maxid, groups);
+
+    std::set<long long> parents;
+    int lower_than_parent = 0, known_sire = 0, unknown_sire = 0;
+    std::map<long long, int> use;
+    for (const auto& [id, r] : ped) {
+        for (int side = 0; side < 2; ++side) {
+            const long long p = r[side];
+            if (p == 0 || p > n) continue;
+            parents.insert(p);
+            if (p > id) ++lower_than_parent;
+            if (auto it = ped.find(p); it != ped.end()) {
+                EXPECT_LT(it->second[2], r[2]) << id << " and parent " << p;
+            }
+        }
+        if (r[0] >= 1 && r[0] <= n) {
+            ++known_sire;
+            ++use[r[0]];
+        } else {
+            ++unknown_sire;
+        }
+    }
+    EXPECT_GT(lower_than_parent, 0);
+    EXPECT_GT(unknown_sire, 0);
+    // Animals that occur only as parents; every level is used one way or the other.
+    int parent_only = 0;
+    for (long long id = 1; id <= n; ++id) {
+        if (!ped.count(id)) {
+            EXPECT_TRUE(parents.count(id)) << "level without a use: " << id;
+            ++parent_only;
+        }
+    }
+    EXPECT_GT(parent_only, 0);
+    // Some sires are used widely.
+    int most = 0;
+    for (const auto& [s, k] : use) most = std::max(most, k);
+    EXPECT_GT(most, 5 * known_sire / static_cast<int>(use.size()));
+
+    for (const auto& r : records(file("metafounders.txt"))) {
+        ASSERT_EQ(r.size(), 3u);
+        EXPECT_TRUE(to_int(r[0]) > n && to_int(r[0]) <= n + groups && to_int(r[1]) > n && to_int(r[1]) <= to_int(r[0]));
+        EXPECT_GT(to_real(r[2]), 0.0);
+    }
+}
+
+TEST_F(generated_set, PlinkFilesetIsSnpMajorAndMendelian) {
+    const auto fam = records(file("genotypes.fam"));
+    ASSERT_EQ(fam.size(), static_cast<std::size_t>(ngeno));
+    std::map<long long, std::size_t> row;
+    for (std::size_t k = 0; k < fam.size(); ++k) {
+        const long long id = to_int(fam[k][0]);
+        EXPECT_TRUE(id >= 1 && id <= n);
+        EXPECT_TRUE(row.emplace(id, k).second);
+    }
+    const auto bim = records(file("genotypes.bim"));
+    ASSERT_EQ(bim.size(), static_cast<std::size_t>(nsnp));
+    for (const auto& r : bim) EXPECT_NO_THROW(to_int(r[0]));
+    const auto bed = read_bed(file("genotypes.bed"), nsnp, ngeno);
+    ASSERT_TRUE(bed.magic_ok);
+    ASSERT_EQ(bed.size, 3u + nsnp * ((ngeno + 3) / 4));
+    EXPECT_TRUE(bed.padding_zero);
+
+    long long missing = 0, monomorphic = 0;
+    for (const auto& snp : bed.g) {
+        std::set<int> seen;
+        for (int x : snp) x < 0 ? ++missing : (seen.insert(x), 0);
+        EXPECT_FALSE(seen.empty()) << "a SNP with all genotypes missing";
+        monomorphic += seen.size() == 1;
+    }
+    EXPECT_NEAR(static_cast<double>(missing) / (nsnp * ngeno), 0.02, 0.005);
+    EXPECT_GT(monomorphic, 0);
+
+    // Genotyped parent and offspring never carry opposite homozygotes, and
+    // share more genotypes than unrelated animals do.
+    auto identical = [&](std::size_t a, std::size_t b, bool related) {
+        int same = 0, both = 0;
+        for (const auto& snp : bed.g)
+            if (snp[a] >= 0 && snp[b] >= 0) {
+                ++both;
+                same += snp[a] == snp[b];
+                if (related) {
+                    EXPECT_NE(std::abs(snp[a] - snp[b]), 2) << "rows " << a << " and " << b;
+                }
+            }
+        return static_cast<double>(same) / both;
+    };
+    double pairs = 0, sum = 0;
+    for (const auto& r : fam)
+        for (int side = 2; side <= 3; ++side)
+            if (auto it = row.find(to_int(r[side])); it != row.end()) {
+                sum += identical(row[to_int(r[0])], it->second, true);
+                ++pairs;
+            }
+    ASSERT_GT(pairs, 5);
+    double others = 0;
+    for (std::size_t k = 0; k + 1 < 40; k += 2) others += identical(fam.size() - 1 - k, k + 60, false);
+    EXPECT_GT(sum / pairs, others / 20 + 0.1);
+}
+
+TEST_F(generated_set, FrequenciesAndTextGenotypesAgreeWithTheBed) {
+    const auto fam = records(file("genotypes.fam"));
+    const auto bed = read_bed(file("genotypes.bed"), nsnp, ngeno);
+    const auto freq = records(file("frequencies.txt"));
+    ASSERT_EQ(freq.size(), static_cast<std::size_t>(nsnp));
+    for (std::size_t j = 0; j < freq.size(); ++j) {
+        ASSERT_EQ(freq[j].size(), 2u);
+        EXPECT_EQ(to_int(freq[j][0]), static_cast<long long>(j + 1));
+        double alleles = 0, seen = 0;
+        for (int x : bed.g[j])
+            if (x >= 0) alleles += x, seen += 2;
+        const double p = to_real(freq[j][1]);
+        EXPECT_TRUE(p >= 0.0 && p <= 1.0);
+        EXPECT_NEAR(p, alleles / seen, 1e-14) << "SNP " << j + 1;
+    }
+
+    const auto nospace = records(file("genotypes_nospace.txt"));
+    const auto spaced = records(file("genotypes_spaced.txt"));
+    ASSERT_EQ(nospace.size(), fam.size());
+    ASSERT_EQ(spaced.size(), fam.size());
+    bool leading_blanks = false;
+    std::ifstream raw(file("genotypes_nospace.txt"));
+    for (std::string line; std::getline(raw, line);) leading_blanks = leading_blanks || line[0] == ' ';
+    EXPECT_TRUE(leading_blanks);
+    for (std::size_t k = 0; k < fam.size(); ++k) {
+        ASSERT_EQ(nospace[k].size(), 2u);  // identity, then one digit per SNP
+        ASSERT_EQ(spaced[k].size(), static_cast<std::size_t>(nsnp + 1));
+        EXPECT_EQ(nospace[k][0], fam[k][0]);
+        EXPECT_EQ(spaced[k][0], fam[k][0]);
+        ASSERT_EQ(nospace[k][1].size(), static_cast<std::size_t>(nsnp));
+        for (std::size_t j = 0; j < static_cast<std::size_t>(nsnp); ++j) {
+            const int digit = nospace[k][1][j] - '0';
+            EXPECT_EQ(std::to_string(digit), spaced[k][j + 1]);
+            if (bed.g[j][k] >= 0)
+                EXPECT_EQ(digit, bed.g[j][k]);
+            else  // no missing code in text: the nearest allele count of 2p
+                EXPECT_EQ(digit, std::lround(2.0 * to_real(freq[j][1])));
+        }
+    }
+}
+
+TEST_F(generated_set, ReliabilitiesBehaveLikeThoseOfAnEvaluation) {
+    const double g[2] = {to_real(records(file("genetic_vcv.txt"))[0][0]), to_real(records(file("genetic_vcv.txt"))[1][1])};
+    std::map<long long, std::vector<double>> rel;
+    std::map<long long, int> own;
+    for (const auto& r : records(file("rel.txt"))) {
+        ASSERT_EQ(r.size(), 5u);  // level, two further columns, one value per trait
+        for (int t = 0; t < 2; ++t) {
+            const double x = to_real(r[3 + t]);
+            EXPECT_TRUE(x >= 0.0 && x < 1.0) << x;
+        }
+        rel[to_int(r[0])] = {to_real(r[3]), to_real(r[4])};
+        own[to_int(r[0])] = static_cast<int>(to_int(r[2]));
+    }
+    ASSERT_EQ(rel.size(), static_cast<std::size_t>(n));
+
+    std::map<int, int> per_trait;
+    int other_effect = 0;
+    for (const auto& r : records(file("pev.txt"))) {
+        ASSERT_EQ(r.size(), 5u);
+        const int t = static_cast<int>(to_int(r[0])) - 1;
+        if (to_int(r[1]) != 1) {
+            ++other_effect;
+            continue;
+        }
+        ++per_trait[t];
+        EXPECT_EQ(r[2], r[3]);
+        const double pev = to_real(r[4]);
+        EXPECT_NEAR(pev, g[t] * (1.0 - rel.at(to_int(r[2]))[t]), 1e-5 * g[t]);
+    }
+    EXPECT_EQ(per_trait[0], n);
+    EXPECT_EQ(per_trait[1], n);
+    EXPECT_GT(other_effect, 0);
+
+    // Own records and progeny raise the reliability; animals with no
+    // information at all have none; young animals get a parent average.
+    std::map<long long, std::vector<long long>> ped;
+    std::map<long long, int> progeny;
+    for (const auto& r : records(file("pedigree.txt"))) {
+        ped[to_int(r[0])] = {to_int(r[1]), to_int(r[2])};
+        for (int side = 1; side <= 2; ++side) ++progeny[to_int(r[side])];
+    }
+    double with_record = 0, big_sires = 0;
+    int nrecord = 0, nbig = 0, zero = 0, young_pa = 0;
+    for (const auto& [id, x] : rel) {
+        if (own[id] > 0) with_record += x[0], ++nrecord;
+        if (progeny[id] >= 30) big_sires += x[0], ++nbig;
+        zero += x[0] == 0.0;
+        const auto it = ped.find(id);
+        if (own[id] == 0 && progeny[id] == 0 && it != ped.end()) {
+            double pa = 0;
+            for (long long p : it->second)
+                if (p >= 1 && p <= n) pa += rel[p][0];
+            if (pa > 0) {
+                ++young_pa;
+                EXPECT_NEAR(x[0], pa / 4, 1e-6) << id;
+            }
+        }
+    }
+    ASSERT_GT(nrecord, 0);
+    ASSERT_GT(nbig, 0);
+    EXPECT_GT(with_record / nrecord, 0.3 - 1e-9);
+    EXPECT_GT(big_sires / nbig, 0.7);
+    EXPECT_GT(zero, 0);
+    EXPECT_GT(young_pa, 0);
+}
+
+TEST_F(generated_set, VarianceAndSolutionFilesHaveTheirColumns) {
+    const auto h2 = records(file("heritability.txt"));
+    ASSERT_EQ(h2.size(), 2u);
+    const auto gv = records(file("genetic_vcv.txt"));
+    ASSERT_EQ(gv.size(), 2u);
+    EXPECT_EQ(gv[0].size(), 1u);
+    EXPECT_EQ(gv[1].size(), 2u);
+    const auto rv = records(file("residual_vcv.txt"));
+    ASSERT_EQ(rv.size(), 2u);
+    EXPECT_EQ(rv[1].size(), 4u);  // class, row, the row's lower triangle
+    for (int t = 0; t < 2; ++t) {
+        const double g = to_real(gv[t][t]), r = to_real(rv[t][2 + t]);
+        EXPECT_NEAR(to_real(h2[t][0]), g / (g + r), 1e-12);
+    }
+    EXPECT_EQ(records(file("snp_vcv.txt")).size(), 2u);
+
+    std::map<int, int> snp_records;
+    for (const auto& r : records(file("snp_solutions.txt"))) {
+        ASSERT_EQ(r.size(), 5u);
+        if (to_int(r[1]) == 2) ++snp_records[static_cast<int>(to_int(r[0]))];
+    }
+    EXPECT_EQ(snp_records[1], nsnp);
+    EXPECT_EQ(snp_records[2], nsnp);
+    const auto six = records(file("snp_solutions_tarnelo.txt"));
+    ASSERT_FALSE(six.empty());
+    int six_snp = 0;
+    for (const auto& r : six) {
+        ASSERT_EQ(r.size(), 6u);
+        if (&r != &six.front() && to_int(r[3]) == 2) ++six_snp;
+    }
+    EXPECT_EQ(six_snp, 2 * nsnp);
+}
+
+TEST(simulate, SameSeedGivesSameFilesWhateverTheThreads) {
+    scratch_dir dir;
+    std::vector<std::string> args = {"--animals", "900", "--genotyped", "70", "--snps", "300", "--text",
+                                     "--centred-text", "--groups", "2"};
+    auto with = [&](const char* out, const char* seed) {
+        auto a = args;
+        a.insert(a.end(), {"--out", out, "--seed", seed});
+        return a;
+    };
+    ASSERT_EQ(run_program(dir, KREL_SIMULATE_BINARY, with("a", "3"), "OMP_NUM_THREADS=2").status, 0);
+    ASSERT_EQ(run_program(dir, KREL_SIMULATE_BINARY, with("b", "3"), "OMP_NUM_THREADS=1").status, 0);
+    ASSERT_EQ(run_program(dir, KREL_SIMULATE_BINARY, with("c", "4"), "").status, 0);
+    int files = 0;
+    for (const auto& e : fs::directory_iterator(dir.path() / "a")) {
+        const auto name = e.path().filename().string();
+        EXPECT_EQ(read_text(e.path()), read_text(dir / ("b/" + name))) << name;
+        ++files;
+    }
+    EXPECT_GE(files, 15);
+    EXPECT_NE(dir.read("a/pedigree.txt"), dir.read("c/pedigree.txt"));
+    EXPECT_NE(dir.read("a/genotypes.bed"), dir.read("c/genotypes.bed"));
+    // Centred text holds g - 2p, and 0 where the genotype is missing.
+    const auto centred = records(dir / "a/genotypes_spaced.txt");
+    const auto freq = records(dir / "a/frequencies.txt");
+    const auto bed = read_bed(dir / "a/genotypes.bed", 300, 70);
+    for (std::size_t j = 0; j < 300; ++j)
+        for (std::size_t k = 0; k < 70; ++k) {
+            const double expected = bed.g[j][k] < 0 ? 0.0 : bed.g[j][k] - 2.0 * to_real(freq[j][1]);
+            ASSERT_NEAR(to_real(centred[k][j + 1]), expected, 1e-6);
+        }
+}
+
+TEST(simulate, BadArgumentsGiveAMessageAndAFailure) {
+    scratch_dir dir;
+    dir.write("plain-file", "x");
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--out", "x", "--animals", "-5"}, "--animals"},
+        {{"--out", "x", "--animals", "10", "--genotyped", "11"}, "--genotyped"},
+        {{"--out", "x", "--genotyped", "-1"}, "--genotyped"},
+        {{"--out", "x", "--snps", "0"}, "--snps"},
+        {{"--out", "x", "--traits", "3"}, "--traits"},
+        {{"--out", "x", "--missing", "1.5"}, "--missing"},
+        {{"--out", "x", "--metafounders"}, "--metafounders"},
+        {{"--out", "plain-file/sub"}, "plain-file"},
+        {{"--animals", "10"}, "--out"},
+    };
+    for (const auto& [args, word] : cases) {
+        const auto r = run_program(dir, KREL_SIMULATE_BINARY, args);
+        EXPECT_NE(r.status, 0) << args[1] << ' ' << args.back();
+        EXPECT_NE(r.err.find(word), std::string::npos) << r.err;
+    }
+    EXPECT_FALSE(dir.exists("x"));
+}
+
+TEST(simulate, MeiosisMasksSwitchAtEachCrossover) {
+    std::vector<std::uint64_t> mask(3);
+    krelsim::meiosis_masks(0, {}, 0, 3, mask.data());
+    EXPECT_EQ(mask, (std::vector<std::uint64_t>{0, 0, 0}));
+    krelsim::meiosis_masks(1, {}, 0, 3, mask.data());
+    EXPECT_EQ(mask, (std::vector<std::uint64_t>(3, ~0ull)));
+    // From SNP 70 on the second haplotype, back to the first at SNP 128,
+    // and at 129 again.
+    krelsim::meiosis_masks(0, {70, 128, 129}, 0, 3, mask.data());
+    EXPECT_EQ(mask[0], 0u);
+    EXPECT_EQ(mask[1], ~0ull << 6);
+    EXPECT_EQ(mask[2], ~0ull << 1);
+    // A window that starts behind some crossovers.
+    mask.assign(1, 0);
+    krelsim::meiosis_masks(1, {5, 64, 100}, 1, 2, mask.data());
+    EXPECT_EQ(mask[0], ~(~0ull << 36));
+}
+
+// The shipped example is exactly what its manifest's generator line makes.
+TEST(simulate, ShippedExampleIsReproducible) {
+    const fs::path example = fs::path(KREL_SOURCE_DIR) / "examples" / "herd";
+    const auto manifest = records(example / "manifest.txt");
+    ASSERT_GE(manifest.size(), 2u);
+    ASSERT_EQ(manifest[1][0], "generator:");
+    std::vector<std::string> args(manifest[1].begin() + 2, manifest[1].end());
+    args.insert(args.end(), {"--out", "again"});
+    scratch_dir dir;
+    ASSERT_EQ(run_program(dir, KREL_SIMULATE_BINARY, args).status, 0);
+    int files = 0;
+    for (const auto& e : fs::directory_iterator(dir.path() / "again")) {
+        const auto name = e.path().filename().string();
+        EXPECT_EQ(read_text(e.path()), read_text(example / name)) << name;
+        ++files;
+    }
+    EXPECT_GE(files, 15);
+}
+
+}  // namespace
