@@ -7,6 +7,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_main.h"
 #include "util/blascore.h"
 
 namespace {
@@ -57,12 +58,4 @@ BENCHMARK(bm_dsyrk)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    // The same choice of kernels as krel makes.
-    krel::select_blas_core(argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+int main(int argc, char** argv) { return krel::bench::run_benchmarks(argc, argv); }

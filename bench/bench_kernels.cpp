@@ -4,6 +4,7 @@
 
 #include <random>
 
+#include "bench_main.h"
 #include "util/blascore.h"
 #include "util/dense_matrix.h"
 #include "util/modmatop.h"
@@ -56,11 +57,4 @@ BENCHMARK(bm_dense<chols8_rows>)->Name("chols8")->Arg(200)->Arg(1000)->Unit(benc
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    krel::select_blas_core(argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+int main(int argc, char** argv) { return krel::bench::run_benchmarks(argc, argv); }
