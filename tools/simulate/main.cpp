@@ -52,8 +52,9 @@ void write_manifest(const fs::path& file, const sim_settings& s, const sim_pedig
     w.print("pedigree records: {}\n", sum.records);
     w.print("animals only as parents: {}\n", sum.parent_only);
     w.print("offspring with a lower level than a parent: {}\n", sum.inverted);
-    w.print("{}: {} (levels {} to {})\n", s.metafounders ? "metafounders" : "genetic groups", ped.groups,
-            ped.groups ? ped.n + 1 : 0, ped.n + ped.groups);
+    w.print("{}: {}", s.metafounders ? "metafounders" : "genetic groups", ped.groups);
+    if (ped.groups > 0) w.print(" (levels {} to {})", ped.n + 1, ped.n + ped.groups);
+    w.put('\n');
     w.print("birth years: {}\n", ped.years);
     w.print("genotyped animals: {}\n", s.genotyped);
     w.print("SNPs: {} on {} chromosomes\n", s.snps, s.chromosomes);

@@ -1,7 +1,6 @@
 #include "sim_genotypes.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 
 #include "sim_random.h"

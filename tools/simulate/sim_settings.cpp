@@ -22,7 +22,8 @@ void share(double value, const char* option) {
 
 void sim_settings::check() {
     require(!out.empty(), "--out: an output directory is required");
-    require(animals >= 1, fmt::format("--animals must be at least 1 (got {})", animals));
+    // Three birth years at least, so that the third cohort has parents.
+    require(animals >= 3, fmt::format("--animals must be at least 3 (got {})", animals));
     // Pedigree levels are 32-bit: animals and groups together must fit.
     require(animals + groups < 2147483647,
             fmt::format("--animals plus --groups must stay below 2147483647 (got {})",
