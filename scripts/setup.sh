@@ -16,7 +16,7 @@ packages=(
   libmetis-dev libcminpack-dev libsuitesparse-dev
   libcli11-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  time
+  time plink2
 )
 
 missing=()
