@@ -115,13 +115,6 @@ public:
 };
 
 // First item of a list-directed record.
-std::string_view first_item(std::string_view text) {
-    const auto b = text.find_first_not_of(" \t");
-    if (b == std::string_view::npos) return {};
-    text = text.substr(b);
-    const auto e = text.find_first_of(" \t,/");
-    return e == std::string_view::npos ? text : text.substr(0, e);
-}
 
 bool parse_logical(std::string_view text, bool& value) {
     std::string t = to_lower(trim(text));
@@ -149,63 +142,7 @@ std::string cut_text_value(std::string_view value) {
     return e == std::string_view::npos ? std::string() : std::string(value.substr(0, e + 1));
 }
 
-bool read_integer_list_directed(std::string_view text, std::int32_t& value) {
-    std::string_view item = first_item(text);
-    if (item.starts_with('+')) item.remove_prefix(1);
-    if (item.empty()) return false;
-    std::int32_t v = 0;
-    const auto [ptr, ec] = std::from_chars(item.data(), item.data() + item.size(), v);
-    if (ec != std::errc() || ptr != item.data() + item.size()) return false;
-    value = v;
-    return true;
-}
 
-bool read_real_list_directed(std::string_view text, double& value) {
-    std::string_view item = first_item(text);
-    if (item.empty()) return false;
-    const std::string lowered = to_lower(item);
-    const bool negative = lowered.starts_with('-');
-    std::string_view body = lowered;
-    if (body.starts_with('-') || body.starts_with('+')) body.remove_prefix(1);
-    if (body.empty() || body[0] == '-' || body[0] == '+') return false;
-    if (body == "inf" || body == "infinity") {
-        value = negative ? -std::numeric_limits<double>::infinity()
-                         : std::numeric_limits<double>::infinity();
-        return true;
-    }
-    if (body == "nan" || (body.starts_with("nan(") && body.ends_with(")"))) {
-        value = std::numeric_limits<double>::quiet_NaN();
-        return true;
-    }
-    // Fortran writes exponents with d, D, q or Q as well, or with a bare sign.
-    std::string s(body);
-    bool has_exponent_letter = false;
-    for (char& c : s) {
-        if (c == 'd' || c == 'q') c = 'e';
-        if (c == 'e') has_exponent_letter = true;
-    }
-    if (!has_exponent_letter) {
-        for (std::size_t i = 1; i < s.size(); ++i) {
-            if ((s[i] == '+' || s[i] == '-') &&
-                (std::isdigit(static_cast<unsigned char>(s[i - 1])) || s[i - 1] == '.')) {
-                s.insert(i, 1, 'e');
-                break;
-            }
-        }
-    }
-    if (s.empty() || s[0] == 'e') return false;
-    double v = 0.0;
-    const auto [ptr, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (ptr != s.data() + s.size()) return false;
-    if (ec == std::errc::result_out_of_range) {
-        // Overflow reads as infinity and underflow as zero, as the Fortran runtime does.
-        v = s.find("e-") != std::string::npos ? 0.0 : std::numeric_limits<double>::infinity();
-    } else if (ec != std::errc()) {
-        return false;
-    }
-    value = negative ? -v : v;
-    return true;
-}
 
 bool read_integer_i4(std::string_view text, std::int32_t& value) {
     std::string field(text.substr(0, std::min<std::size_t>(4, text.size())));

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "util/freeform.h"
+
 namespace krel {
 
 struct option_row {
@@ -82,10 +84,6 @@ private:
     std::unique_ptr<impl> impl_;
 };
 
-// Fortran list-directed reading of one value: the first item of the text
-// (items end at a blank, comma or slash) must be a whole integer or real.
-bool read_integer_list_directed(std::string_view text, std::int32_t& value);
-bool read_real_list_directed(std::string_view text, double& value);
 // Fortran "(i4)" reading: only the first four columns count, blanks in them
 // are ignored, all blanks read as 0.
 bool read_integer_i4(std::string_view text, std::int32_t& value);

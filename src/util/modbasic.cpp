@@ -424,4 +424,27 @@ void progress_bar::update(std::int64_t i, std::int64_t n, std::ostream& unit) {
 
 void progress_bar::update(std::int64_t i, std::int64_t n) { update(i, n, std::cout); }
 
+std::string list_directed(std::int32_t value) { return fmt::format("{:>12}", value); }
+
+std::string list_directed(std::int64_t value) { return fmt::format("{:>21}", value); }
+
+std::string list_directed(double value) {
+    const double a = std::fabs(value);
+    if (a == 0.0 || (a >= 0.1 && a < 1.0e17) || !std::isfinite(value)) {
+        const int before = a == 0.0 || !std::isfinite(value) ? 1 : static_cast<int>(std::floor(std::log10(a))) + 1;
+        const int decimals = std::max(0, 17 - before);
+        return fmt::format("{:>21}     ", fmt::format("{:.{}f}", value, decimals));
+    }
+    const int e = static_cast<int>(std::floor(std::log10(a)));
+    double mantissa = value / std::pow(10.0, e);
+    int shown = e + 1;
+    if (std::fabs(mantissa) >= 10.0) {
+        mantissa /= 10.0;
+        ++shown;
+    }
+    // Outside that range: a mantissa in [1, 10) and a three-digit exponent.
+    return fmt::format("{:>26}", fmt::format("{:.16f}E{}{:03d}", mantissa, shown - 1 < 0 ? '-' : '+',
+                                             std::abs(shown - 1)));
+}
+
 }  // namespace krel

@@ -37,6 +37,13 @@ inline std::string realtochar(double value, std::string_view format = "(g0)") {
     return realtochar_real8(value, format);
 }
 
+// One item of a list-directed write, laid out as gfortran does: a 32-bit
+// integer in 12 columns, a 64-bit one in 21, a double in 26 (17 significant
+// digits, fixed between 0.1 and 1e17, otherwise with a three-digit exponent).
+std::string list_directed(std::int32_t value);
+std::string list_directed(std::int64_t value);
+std::string list_directed(double value);
+
 // The trimmed dir followed by the part of path behind its last "/".
 std::string outputfile(std::string_view dir, std::string_view path);
 
