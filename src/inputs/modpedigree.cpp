@@ -1,17 +1,19 @@
 #include "inputs/modpedigree.h"
 
+#include <fcntl.h>
 #include <omp.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <vector>
 
 #include "util/freeform.h"
 #include "util/logger.h"
-#include "util/mapped_file.h"
 #include "util/modbasic.h"
 #include "util/modcommon.h"
 #include "util/modstats.h"
@@ -36,30 +38,52 @@ struct piece_result {
     std::string bad_record;
 };
 
+// One integer item of a record that is known to end in a line feed, so
+// that the scans need no bounds: the same rules as parse_int_item.
+inline bool fast_int_item(const char*& p, std::int64_t& value) {
+    while (*p == ' ' || *p == '\t' || *p == '\r') ++p;
+    if (*p == ',') {
+        ++p;
+        while (*p == ' ' || *p == '\t' || *p == '\r') ++p;
+    }
+    bool negative = false;
+    if (*p == '+' || *p == '-') negative = *p++ == '-';
+    const char* first = p;
+    std::uint64_t v = 0;
+    for (unsigned d; (d = static_cast<unsigned>(*p - '0')) < 10u; ++p) v = v * 10 + d;
+    const auto digits = p - first;
+    if (digits == 0 || digits > 18) return false;
+    const char c = *p;
+    if (!(c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == ',' || c == '/')) return false;
+    if (c == ',') ++p;
+    value = negative ? -static_cast<std::int64_t>(v) : static_cast<std::int64_t>(v);
+    return true;
+}
+
+// Parses whole lines: text ends with a line feed.
 void parse_piece(std::string_view text, piece_result& out) {
     const char* p = text.data();
     const char* end = p + text.size();
     while (p < end) {
         const char* line = p;
-        while (p < end && (*p == ' ' || *p == '\t' || *p == '\r')) ++p;
-        if (p < end && *p == '\n') {  // blank records are skipped
+        while (*p == ' ' || *p == '\t' || *p == '\r') ++p;
+        if (*p == '\n') {  // blank records are skipped
             ++p;
             continue;
         }
-        if (p >= end) break;
         std::int64_t v[3];
         for (auto& x : v)
-            if (!parse_int_item(p, end, x)) {
+            if (!fast_int_item(p, x)) {
                 out.stopped = true;
                 return;
             }
-        const char* nl = static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
-        p = nl ? nl + 1 : end;
+        while (*p != '\n') ++p;
         if (v[0] < 1 || v[1] < 0 || v[2] < 0 || v[0] > std::numeric_limits<std::int32_t>::max() ||
             v[1] > std::numeric_limits<std::int32_t>::max() || v[2] > std::numeric_limits<std::int32_t>::max()) {
-            out.bad_record.assign(line, static_cast<std::size_t>((nl ? nl : end) - line));
+            out.bad_record.assign(line, static_cast<std::size_t>(p - line));
             return;
         }
+        ++p;
         out.records.push_back(
             {static_cast<std::int32_t>(v[0]), static_cast<std::int32_t>(v[1]), static_cast<std::int32_t>(v[2])});
     }
@@ -70,43 +94,71 @@ void parse_piece(std::string_view text, piece_result& out) {
     throw error_stop();
 }
 
-// All records of a pedigree file in file order, up to the first that does
-// not read as three integers. The file is parsed in pieces, one per thread.
-std::vector<ped_record> read_pedigree_records(const std::string& file, const char* routine) {
-    mapped_file map;
-    if (!map.open(file)) {
+// Hands the records of a pedigree file to sink, batch by batch in file
+// order, up to the first record that does not read as three integers. The
+// file is read in chunks that the threads parse in pieces; the buffers are
+// reused, so memory does not grow with the file.
+template <typename Sink>
+void stream_pedigree(const std::string& file, const char* routine, Sink&& sink) {
+    const int fd = ::open(file.c_str(), O_RDONLY);
+    if (fd < 0) {
         global_logger().log_io_error("Cannot open the pedigree file " + file + ": " + std::strerror(errno), module_name,
                                      procedure_at(routine));
         throw error_stop();
     }
-    const std::string_view text = map.text();
+    struct closer {
+        int fd;
+        ~closer() { ::close(fd); }
+    } guard{fd};
+    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    constexpr std::size_t chunk = std::size_t{16} << 20;
+    std::vector<char> buffer(chunk);
+    std::size_t left = 0;  // bytes of an unfinished line carried over
+    const std::size_t threads = std::min<std::size_t>(64, static_cast<std::size_t>(omp_get_max_threads()));
+    std::vector<piece_result> results(threads);
     std::size_t bounds[65];
-    const std::size_t pieces =
-        split_at_lines(text, std::min<std::size_t>(64, static_cast<std::size_t>(omp_get_max_threads())), bounds);
-    std::vector<piece_result> results(pieces);
+    bool at_end = false;
+    while (!at_end) {
+        if (buffer.size() - left < chunk / 2) buffer.resize(buffer.size() * 2);  // a very long line
+        const ssize_t got = ::read(fd, buffer.data() + left, buffer.size() - left);
+        if (got < 0) {
+            global_logger().log_io_error("Cannot read the pedigree file " + file + ": " + std::strerror(errno),
+                                         module_name, procedure_at(routine));
+            throw error_stop();
+        }
+        at_end = got == 0;
+        std::size_t size = left + static_cast<std::size_t>(got);
+        // The parser stops at line feeds only: a last line gets one.
+        if (at_end && size > 0 && buffer[size - 1] != '\n') {
+            if (size == buffer.size()) buffer.push_back('\n');
+            else buffer[size] = '\n';
+            ++size;
+        }
+        std::size_t cut = size;
+        if (!at_end) {
+            const auto nl = std::string_view(buffer.data(), size).rfind('\n');
+            cut = nl == std::string_view::npos ? 0 : nl + 1;
+        }
+        const std::string_view text(buffer.data(), cut);
+        const std::size_t pieces = split_at_lines(text, threads, bounds);
 #pragma omp parallel for schedule(static, 1)
-    for (std::size_t k = 0; k < pieces; ++k) {
-        results[k].records.reserve((bounds[k + 1] - bounds[k]) / 16);
-        parse_piece(text.substr(bounds[k], bounds[k + 1] - bounds[k]), results[k]);
+        for (std::size_t k = 0; k < pieces; ++k) {
+            results[k].records.clear();
+            results[k].stopped = false;
+            parse_piece(text.substr(bounds[k], bounds[k + 1] - bounds[k]), results[k]);
+        }
+        for (std::size_t k = 0; k < pieces; ++k) {
+            sink(results[k].records);
+            if (!results[k].bad_record.empty())
+                pedigree_error("The pedigree file " + file +
+                                   " holds a record whose identity is not positive or whose parent is negative: \"" +
+                                   std::string(trim(results[k].bad_record)) + "\"",
+                               routine);
+            if (results[k].stopped) return;
+        }
+        left = size - cut;
+        std::memmove(buffer.data(), buffer.data() + cut, left);
     }
-    std::size_t total = 0;
-    for (const auto& r : results) {
-        total += r.records.size();
-        if (r.stopped || !r.bad_record.empty()) break;
-    }
-    std::vector<ped_record> all = std::move(results[0].records);
-    all.reserve(total);
-    for (std::size_t k = 0; k < pieces; ++k) {
-        if (k > 0) all.insert(all.end(), results[k].records.begin(), results[k].records.end());
-        if (!results[k].bad_record.empty())
-            pedigree_error("The pedigree file " + file +
-                               " holds a record whose identity is not positive or whose parent is negative: \"" +
-                               std::string(trim(results[k].bad_record)) + "\"",
-                           routine);
-        if (results[k].stopped) break;
-        std::vector<ped_record>().swap(results[k].records);
-    }
-    return all;
 }
 
 }  // namespace
@@ -122,34 +174,46 @@ void pedigree_type::allocate(std::int32_t nlevels, std::int32_t groups) {
 void pedigree_type::readpedigree_nomax(const std::string& file) {
     finalise();
     pedfile = file;
-    const auto records = read_pedigree_records(file, "readpedigree_nomax");
     std::int32_t maxall = 0, maxid = 0;
-    for (const auto& r : records) {
-        maxid = std::max(maxid, r.id);
-        maxall = std::max({maxall, r.id, r.sire, r.dam});
-    }
-    allocate(maxall, maxall - maxid);
-    // The same identity twice: the last record holds.
-    for (const auto& r : records) {
-        ped(1, r.id) = r.sire;
-        ped(2, r.id) = r.dam;
-    }
+    // The parents go straight into place, in file order, so that the last
+    // record of an identity holds; the array grows with the highest level.
+    // Reserving the most a file of this size could need costs address space
+    // only: pages are touched as levels appear.
+    std::error_code ec;
+    const auto bytes = std::filesystem::file_size(file, ec);
+    if (!ec) ped_.reserve(std::min<std::uintmax_t>(bytes / 3 + 2, std::uintmax_t{1} << 32));
+    stream_pedigree(file, "readpedigree_nomax", [&](const std::vector<ped_record>& batch) {
+        for (const auto& r : batch) {
+            const std::int32_t top = std::max({r.id, r.sire, r.dam});
+            if (top > maxall) {
+                maxall = top;
+                ped_.resize(2 * (static_cast<std::size_t>(maxall) + 1), 0);
+            }
+            maxid = std::max(maxid, r.id);
+            ped_[2 * static_cast<std::size_t>(r.id)] = r.sire;
+            ped_[2 * static_cast<std::size_t>(r.id) + 1] = r.dam;
+        }
+    });
+    nlevels_ = maxall;
+    nupg = maxall - maxid;
+    ped_.resize(2 * (static_cast<std::size_t>(maxall) + 1), 0);
 }
 
 void pedigree_type::readpedigree_max(const std::string& file, std::int32_t nlevels, std::int32_t groups) {
     finalise();
     pedfile = file;
     allocate(nlevels, groups);
-    const auto records = read_pedigree_records(file, "readpedigree_max");
-    for (const auto& r : records) {
-        if (r.id > nlevels_ || r.sire > nlevels_ || r.dam > nlevels_)
-            pedigree_error("The pedigree file " + file + " names level " +
-                               std::to_string(std::max({r.id, r.sire, r.dam})) + ", above the " +
-                               std::to_string(nlevels_) + " levels expected",
-                           "readpedigree_max");
-        ped(1, r.id) = r.sire;
-        ped(2, r.id) = r.dam;
-    }
+    stream_pedigree(file, "readpedigree_max", [&](const std::vector<ped_record>& batch) {
+        for (const auto& r : batch) {
+            if (r.id > nlevels_ || r.sire > nlevels_ || r.dam > nlevels_)
+                pedigree_error("The pedigree file " + file + " names level " +
+                                   std::to_string(std::max({r.id, r.sire, r.dam})) + ", above the " +
+                                   std::to_string(nlevels_) + " levels expected",
+                               "readpedigree_max");
+            ped(1, r.id) = r.sire;
+            ped(2, r.id) = r.dam;
+        }
+    });
 }
 
 void pedigree_type::readmetarel(const std::string& file, std::int32_t effect) {

@@ -1,5 +1,6 @@
 #include "util/freeform.h"
 
+#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <limits>
@@ -158,6 +159,20 @@ void record_reader::rewind() {
 
 bool blank_record(std::string_view record) {
     return record.find_first_not_of(" \t\r") == std::string_view::npos;
+}
+
+std::size_t split_at_lines(std::string_view text, std::size_t parts, std::size_t* bounds) {
+    parts = std::max<std::size_t>(1, std::min(parts, text.size() / 65536 + 1));
+    bounds[0] = 0;
+    std::size_t k = 1;
+    for (; k < parts; ++k) {
+        std::size_t at = std::max(bounds[k - 1], text.size() * k / parts);
+        const auto nl = text.find('\n', at);
+        if (nl == std::string_view::npos) break;
+        bounds[k] = nl + 1;
+    }
+    bounds[k] = text.size();
+    return k;
 }
 
 }  // namespace krel

@@ -3,6 +3,7 @@
 // separate the items of a record, a slash ends the record's items, and what
 // follows the last item wanted is ignored. A record that lacks an item, or
 // holds one that does not read as the wanted kind, is a failed read.
+#include <cstddef>
 #include <cstdint>
 #include <fstream>
 #include <string>
@@ -75,6 +76,11 @@ private:
     std::ifstream in_;
     std::string line_;
 };
+
+// Splits text into up to `parts` pieces that end at line ends, so that
+// threads can parse whole records; piece k is [bounds[k], bounds[k+1]).
+// Returns the number of pieces.
+std::size_t split_at_lines(std::string_view text, std::size_t parts, std::size_t* bounds);
 
 // Whether a record holds nothing but blanks.
 bool blank_record(std::string_view record);
