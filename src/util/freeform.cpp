@@ -1,8 +1,11 @@
 #include "util/freeform.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstring>
 #include <limits>
 #include <string>
 
@@ -12,7 +15,7 @@ namespace krel {
 
 namespace {
 
-std::string_view first_item(std::string_view text) {
+std::string_view first_list_item(std::string_view text) {
     const auto b = text.find_first_not_of(" \t");
     if (b == std::string_view::npos) return {};
     text = text.substr(b);
@@ -23,7 +26,7 @@ std::string_view first_item(std::string_view text) {
 }  // namespace
 
 bool read_integer_list_directed(std::string_view text, std::int32_t& value) {
-    std::string_view item = first_item(text);
+    std::string_view item = first_list_item(text);
     if (item.starts_with('+')) item.remove_prefix(1);
     if (item.empty()) return false;
     std::int32_t v = 0;
@@ -34,7 +37,7 @@ bool read_integer_list_directed(std::string_view text, std::int32_t& value) {
 }
 
 bool read_real_list_directed(std::string_view text, double& value) {
-    std::string_view item = first_item(text);
+    std::string_view item = first_list_item(text);
     if (item.empty()) return false;
     const std::string lowered = to_lower(item);
     const bool negative = lowered.starts_with('-');
@@ -137,24 +140,29 @@ bool item_cursor::at_end() {
     return !more;
 }
 
+record_reader::record_reader() = default;
+record_reader::record_reader(const std::string& file) { open(file); }
+record_reader::~record_reader() = default;
+record_reader::record_reader(record_reader&&) noexcept = default;
+record_reader& record_reader::operator=(record_reader&&) noexcept = default;
+
 bool record_reader::open(const std::string& file) {
     file_ = file;
-    in_.close();
-    in_.clear();
-    in_.open(file, std::ios::binary);
-    return in_.is_open();
+    in_ = std::make_unique<line_reader>(file);
+    return in_->is_open();
 }
 
+bool record_reader::is_open() const { return in_ && in_->is_open(); }
+
 bool record_reader::next(std::string_view& record) {
-    if (!std::getline(in_, line_)) return false;
+    if (!in_ || !in_->next(line_)) return false;
     if (!line_.empty() && line_.back() == '\r') line_.pop_back();
     record = line_;
     return true;
 }
 
 void record_reader::rewind() {
-    in_.clear();
-    in_.seekg(0);
+    if (in_) in_->rewind();
 }
 
 bool blank_record(std::string_view record) {
@@ -173,6 +181,138 @@ std::size_t split_at_lines(std::string_view text, std::size_t parts, std::size_t
     }
     bounds[k] = text.size();
     return k;
+}
+
+
+
+void split_items(std::string_view line, std::vector<std::string_view>& items) {
+    items.clear();
+    std::size_t i = 0;
+    const std::size_t n = line.size();
+    while (i < n) {
+        while (i < n && is_separator(line[i])) ++i;
+        if (i == n) break;
+        const std::size_t start = i;
+        while (i < n && !is_separator(line[i])) ++i;
+        items.push_back(line.substr(start, i - start));
+    }
+}
+
+std::string_view first_item(std::string_view line) {
+    std::size_t i = 0;
+    const std::size_t n = line.size();
+    while (i < n && is_separator(line[i])) ++i;
+    const std::size_t start = i;
+    while (i < n && !is_separator(line[i])) ++i;
+    return line.substr(start, i - start);
+}
+
+bool parse_integer(std::string_view item, std::int64_t& value) {
+    if (!item.empty() && item.front() == '+') item.remove_prefix(1);
+    if (item.empty() || item.front() == '+') return false;
+    const char* end = item.data() + item.size();
+    const auto [ptr, ec] = std::from_chars(item.data(), end, value);
+    return ec == std::errc() && ptr == end;
+}
+
+bool parse_integer(std::string_view item, std::int32_t& value) {
+    std::int64_t v = 0;
+    if (!parse_integer(item, v) || v < std::numeric_limits<std::int32_t>::min() ||
+        v > std::numeric_limits<std::int32_t>::max())
+        return false;
+    value = static_cast<std::int32_t>(v);
+    return true;
+}
+
+bool parse_real(std::string_view item, double& value) {
+    if (!item.empty() && item.front() == '+') item.remove_prefix(1);
+    if (item.empty() || item.front() == '+') return false;
+    // Exponents written as d or D are rewritten in a small copy; other
+    // values are converted where they stand.
+    char copy[64];
+    const char* first = item.data();
+    const char* last = item.data() + item.size();
+    if (item.find_first_of("dD") != std::string_view::npos) {
+        if (item.size() > sizeof copy) return false;
+        std::memcpy(copy, item.data(), item.size());
+        for (std::size_t i = 0; i < item.size(); ++i)
+            if (copy[i] == 'd' || copy[i] == 'D') copy[i] = 'e';
+        first = copy;
+        last = copy + item.size();
+    }
+    const auto [ptr, ec] = std::from_chars(first, last, value);
+    return ec == std::errc() && ptr == last;
+}
+
+line_reader::line_reader(const std::string& file) : f_(std::fopen(file.c_str(), "rb")) {
+    buffer_.resize(1 << 20);
+}
+
+line_reader::~line_reader() {
+    if (f_) std::fclose(f_);
+}
+
+bool line_reader::fill() {
+    if (eof_ || !f_) return false;
+    // Keep the part of the buffer not yet handed out at its front.
+    if (begin_ > 0) {
+        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+        end_ -= begin_;
+        begin_ = 0;
+    }
+    if (end_ == buffer_.size()) buffer_.resize(buffer_.size() * 2);
+    const std::size_t got = std::fread(buffer_.data() + end_, 1, buffer_.size() - end_, f_);
+    if (got == 0) {
+        eof_ = true;
+        return false;
+    }
+    end_ += got;
+    return true;
+}
+
+bool line_reader::next(std::string& line) {
+    std::size_t searched = begin_;
+    while (true) {
+        const char* start = buffer_.data() + searched;
+        const void* nl = std::memchr(start, '\n', end_ - searched);
+        if (nl) {
+            const std::size_t pos = static_cast<std::size_t>(static_cast<const char*>(nl) - buffer_.data());
+            line.assign(buffer_.data() + begin_, pos - begin_);
+            begin_ = pos + 1;
+            ++line_number_;
+            return true;
+        }
+        const std::size_t kept = end_ - begin_;
+        if (!fill()) {
+            if (end_ > begin_) {
+                line.assign(buffer_.data() + begin_, end_ - begin_);
+                begin_ = end_;
+                ++line_number_;
+                return true;
+            }
+            return false;
+        }
+        searched = begin_ + kept;
+    }
+}
+
+bool line_reader::next_record(std::string& line) {
+    while (next(line))
+        if (!first_item(line).empty()) return true;
+    return false;
+}
+
+void line_reader::rewind() {
+    if (!f_) return;
+    std::rewind(f_);
+    begin_ = end_ = 0;
+    eof_ = false;
+    line_number_ = 0;
+}
+
+bool file_exists(const std::string& file) {
+    struct stat st {};
+    return ::stat(file.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
 }
 
 }  // namespace krel

@@ -5,9 +5,11 @@
 // holds one that does not read as the wanted kind, is a failed read.
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace krel {
 
@@ -59,21 +61,26 @@ inline bool parse_int_item(const char*& p, const char* end, std::int64_t& value)
     return true;
 }
 
+class line_reader;
+
 // Records of a text file, one line each (a final line without line feed
 // counts; a carriage return before the line feed is dropped).
 class record_reader {
 public:
-    record_reader() = default;
-    explicit record_reader(const std::string& file) { open(file); }
+    record_reader();
+    explicit record_reader(const std::string& file);
+    ~record_reader();
+    record_reader(record_reader&&) noexcept;
+    record_reader& operator=(record_reader&&) noexcept;
     bool open(const std::string& file);
-    bool is_open() const { return in_.is_open(); }
+    bool is_open() const;
     bool next(std::string_view& record);
     void rewind();
     const std::string& file() const { return file_; }
 
 private:
     std::string file_;
-    std::ifstream in_;
+    std::unique_ptr<line_reader> in_;
     std::string line_;
 };
 
@@ -84,5 +91,62 @@ std::size_t split_at_lines(std::string_view text, std::size_t parts, std::size_t
 
 // Whether a record holds nothing but blanks.
 bool blank_record(std::string_view record);
+
+// Items of a record as views, and a fast buffered line reader.
+
+
+// Whether c separates values on a free-form record. A carriage return counts
+// as a blank so that files written on Windows read the same.
+constexpr bool is_separator(char c) noexcept {
+    return c == ' ' || c == ',' || c == '\t' || c == '\r';
+}
+
+// Whether c is a blank where the readers count fields by blank-to-non-blank
+// transitions; commas are part of a field there.
+constexpr bool is_blank(char c) noexcept { return c == ' ' || c == '\t' || c == '\r'; }
+
+// The values of one record, in order, as views into the line.
+void split_items(std::string_view line, std::vector<std::string_view>& items);
+// The first value of a record, empty when the record holds none.
+std::string_view first_item(std::string_view line);
+
+// An integer value: an optional sign and decimal digits, nothing else.
+bool parse_integer(std::string_view item, std::int64_t& value);
+bool parse_integer(std::string_view item, std::int32_t& value);
+// A real value: a decimal number with an optional exponent marked by e, E, d
+// or D, or an infinity or not-a-number as written by the C library.
+bool parse_real(std::string_view item, double& value);
+
+// Sequential, buffered reading of the lines of a text file. A line is given
+// without its line end; the last line needs none.
+class line_reader {
+public:
+    explicit line_reader(const std::string& file);
+    ~line_reader();
+    line_reader(const line_reader&) = delete;
+    line_reader& operator=(const line_reader&) = delete;
+
+    bool is_open() const noexcept { return f_ != nullptr; }
+    // The next line; false at the end of the file or on a read error.
+    bool next(std::string& line);
+    // The next line that holds a value, as a free-form read looks for one.
+    bool next_record(std::string& line);
+    // Back to the start of the file.
+    void rewind();
+    // Number of lines handed out since the start.
+    std::int64_t line_number() const noexcept { return line_number_; }
+
+private:
+    bool fill();
+
+    std::FILE* f_ = nullptr;
+    std::vector<char> buffer_;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    bool eof_ = false;
+    std::int64_t line_number_ = 0;
+};
+
+bool file_exists(const std::string& file);
 
 }  // namespace krel
