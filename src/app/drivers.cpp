@@ -155,18 +155,68 @@ void echo_krel_options(const krel_group_options& o) {
     log.log_message("Approach for ZRZ                 : " + inttochar(o.method));
 }
 
-void run_krel(const command_line& cli, const run_options& /*opts*/) {
+krel_init_options init_options(const run_options& o) {
+    krel_init_options k;
+    k.pedfile = o.pedfile;
+    k.genfile = o.genofile;
+    k.freqfile = o.freqfile;
+    k.rvcv = o.rvcvfile;
+    k.gvcv = o.gvcvfile;
+    k.svcv = o.svcvfile;
+    k.pevfile = o.pevfile;
+    k.relfile = o.relfile;
+    k.effect = o.effect;
+    k.beta = o.beta;
+    k.use_inbreeding = o.use_inbreeding;
+    k.save_pec = o.save_pec;
+    k.scale_snp_var = o.scale_snp_var;
+    k.inbfile = o.inbfile;
+    k.h2file = o.h2file;
+    return k;
+}
+
+void run_pvalues(krel_type& krel, const run_options& opts) {
+    if (opts.gwas_file != "none") krel.pvalue(opts.gwas_file, opts.gwas_effect);
+    if (opts.mgwas_file != "none") krel.pvalue(opts.mgwas_file, opts.mgwas_effect, true);
+}
+
+void run_krel(const command_line& cli, const run_options& opts) {
     const krel_group_options kopts = read_krel_options(cli);
     echo_krel_options(kopts);
-    [[maybe_unused]] krel_type krel;
+    krel_type krel;
+    krel_init_options k = init_options(opts);
+    k.phenofile = kopts.phenofile;
+    k.reffile = kopts.reffile;
+    k.save_erc = kopts.save_erc;
+    k.method = kopts.method;
+    k.edc_adjust_factor = kopts.edc_adjust_factor;
+    k.pev_adjust_factor = kopts.pev_adjust_factor;
+    krel.init_krel(k);
+    krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false);
+    run_pvalues(krel, opts);
+    if (!kopts.only_geno) {
+        // Steps 4 to 6 (animals without genotypes) are not part of this
+        // build: say so rather than write incomplete result files.
+        global_logger().log_error(
+            "Reliabilities of animals without genotypes are not available in this version: use --only-geno",
+            "krel", procedure_at("run_krel"));
+        throw error_stop();
+    }
 }
 
 void run_gwas(const command_line& /*cli*/, const run_options& opts) {
-    [[maybe_unused]] krel_type krel;
+    krel_type krel;
     if (opts.gwas_file == "none" && opts.mgwas_file == "none") {
         global_logger().log_error("GWAS approach: a solution file must be provided");
         throw error_stop();
     }
+    krel_init_options k = init_options(opts);
+    k.phenofile = "rela";
+    k.reffile = "none";
+    k.save_erc = false;
+    krel.init_krel(k);
+    krel.compute_krel_geno(false, opts.blocks, 1000, true);
+    run_pvalues(krel, opts);
 }
 
 int krel_program(int argc, char** argv) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "inputs/modpedigree.h"
+#include "inputs/modstructure.h"
 #include "util/dense_matrix.h"
 
 namespace krel {
@@ -41,5 +42,11 @@ inline double tmform6(double a, double b) {
 // (p + D(x))^-1 equals target_i, by Levenberg-Marquardt. x holds the start
 // value on entry.
 void get_erc(std::span<const double> target_i, const dmatrix& p, const dmatrix& rinv, std::span<double> x);
+
+// Genomic PEV of every genotyped animal: the diagonal of Z' C Z, with C
+// the leading nsnp by nsnp block of c, formed for blocks of animals (256 for
+// real genotypes, 2048 for packed ones) with two matrix products each.
+void get_pev_gen_exp_real(const dmatrix& c, const covariable_type& cov, std::vector<double>& pev);
+void get_pev_gen_exp_plink(const dmatrix& c, const covariable_type& cov, std::vector<double>& pev);
 
 }  // namespace krel

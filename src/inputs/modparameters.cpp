@@ -42,7 +42,8 @@ void readh2(const std::string& file, std::int32_t& n, std::vector<double>& h2) {
 void readgf(const std::string& file, std::int32_t effect, std::int32_t ntrait, dmatrix& gvar) {
     (void)effect;  // the caller picks the slice of the effect
     record_reader in = open_or_stop(file, "readgf");
-    gvar.resize(ntrait, ntrait);
+    // A larger matrix keeps its extents: the SNP variances have room for 80 traits.
+    if (gvar.rows() < ntrait || gvar.cols() < ntrait) gvar.resize(ntrait, ntrait);
     std::string_view record;
     for (std::int32_t t = 1; t <= ntrait; ++t) {
         bool ok = false;

@@ -1,0 +1,418 @@
+#include "engine/modkrel.h"
+
+#include <quadmath.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <fstream>
+#include <limits>
+
+#include "engine/modpevpec.h"
+#include "engine/modreverse.h"
+#include "engine/modzrz.h"
+#include "inputs/modapps.h"
+#include "inputs/modparameters.h"
+#include "inputs/modplink.h"
+#include "inputs/modsolutions.h"
+#include "util/freeform.h"
+#include "util/modstats.h"
+#include "util/logger.h"
+#include "util/modbasic.h"
+#include "util/modcommon.h"
+#include "util/stop.h"
+
+namespace krel {
+
+namespace {
+
+constexpr const char* module_name = "modkrel";
+
+std::string stat_text(double v) { return realtochar(v, "(f0.3)"); }
+
+}  // namespace
+
+void step_header(const std::string& title) {
+    const std::string rule(title.size() + 4, '*');
+    global_logger().log_message(" \n" + rule + "\n* " + title + " *\n" + rule);
+}
+
+void krel_type::init_krel(const krel_init_options& o) {
+    auto& log = global_logger();
+    pedfile = o.pedfile;
+    genfile = o.genfile;
+    freqfile = o.freqfile;
+    rvcv = o.rvcv;
+    gvcv = o.gvcv;
+    svcv = o.svcv;
+    pevfile = o.pevfile;
+    phenofile = o.phenofile;
+    reffile = o.reffile;
+    relfile = o.relfile;
+    effect = o.effect;
+    beta = o.beta;
+    use_inbreeding = o.use_inbreeding;
+    save_pec = o.save_pec;
+    save_erc = o.save_erc;
+    scale_snp_var = o.scale_snp_var;
+    inbfile = o.inbfile;
+    h2file = o.h2file;
+    method = o.method;
+    edc_adjust_factor = o.edc_adjust_factor;
+    pev_adjust_factor = o.pev_adjust_factor;
+
+    readdata_asci_abstract();
+    readdata_asci_krel();
+    log.log_information("Plink genotype file                           : " + std::string(is_plink ? "T" : "F"));
+    if (svcv != "none") {
+        svar.assign(static_cast<std::size_t>(effect) + 1, dmatrix());
+        svar[effect].resize(80, 80);
+        readgf(svcv, effect, ntrait, svar[effect]);
+    }
+    std::vector<std::int32_t> genotyped;
+    for (std::size_t level = 1; level < idmap.size(); ++level)
+        if (idmap[level] != 0) genotyped.push_back(static_cast<std::int32_t>(level));
+    ngeno = static_cast<std::int32_t>(genotyped.size());
+    std::vector<std::int32_t> descendants;
+    ped.getdescendants(genotyped, descendants);
+    ped.getancestors(descendants, related);
+    nrelated = static_cast<std::int32_t>(related.size());
+    log.log_information("Number of animals related to genotyped animals: " + inttochar(nrelated));
+    if (lkrel_verbose) {
+        std::ofstream out("qd_list_related_genotyped.dat");
+        for (const std::int32_t id : related) out << list_directed(id) << '\n';
+    }
+}
+
+void krel_type::readdata_asci_krel() {
+    readgenotype(genfile, freqfile, ped.nlength(), nsnp, ngeno, geno, is_plink);
+    idmap = geno.idmap;
+    if (is_plink || freqfile == "ignore" || freqfile == "none" || freqfile == "compute") return;
+    std::int32_t n = 0;
+    readfrequency(freqfile, n, freq);
+    if (n != nsnp) {
+        global_logger().log_error("Not the same number of SNPs in the genotype and allele frequency files! (" +
+                                      inttochar(nsnp) + " vs " + inttochar(n) + ")",
+                                  module_name, procedure_at("readdata_asci_krel"));
+        throw error_stop();
+    }
+}
+
+std::vector<std::int32_t> krel_type::genotyped_levels() const {
+    std::vector<std::int32_t> rows(static_cast<std::size_t>(ngeno), 0);
+    for (std::size_t level = 1; level < idmap.size(); ++level) {
+        const std::int32_t r = idmap[level];
+        if (r >= 1 && r <= ngeno) rows[r - 1] = static_cast<std::int32_t>(level);
+    }
+    return rows;
+}
+
+void krel_type::copy_krel_to_reverse(const std::vector<std::int32_t>& list, reverse_type& reverse) const {
+    reverse.ntrait = ntrait;
+    reverse.effect = effect;
+    reverse.ped = ped;
+    reverse.order = order;
+    reverse.gvar = gvar;
+    reverse.rmat = rmat;
+    reverse.pev = pev;
+    reverse.rel = rel;
+    reverse.selected = list;
+    reverse.write_files = false;
+}
+
+void krel_type::compute_krel_step2(const std::vector<std::int32_t>& list) {
+    step_header("Step 2: reverse reliabilities for the genotyped animals");
+    {
+        reverse_type reverse;
+        copy_krel_to_reverse(list, reverse);
+        reverse.compute_reverse("qd_erc_g.dat");
+        reverse.clean_reverse();
+        erc_g.resize(reverse.erc.rows(), reverse.erc.cols());
+        for (const std::int32_t id : list)
+            for (dmatrix::index_type t = 1; t <= erc_g.rows(); ++t) erc_g(t, id) = reverse.erc(t, id);
+    }
+    for (std::int32_t t = 1; t <= ntrait; ++t) {
+        std::vector<double> v;
+        v.reserve(list.size());
+        for (const std::int32_t id : list) v.push_back(erc_g(t, id));
+        double lo = std::numeric_limits<double>::max(), hi = -std::numeric_limits<double>::max();
+        for (double x : v) {
+            lo = std::min(lo, x);
+            hi = std::max(hi, x);
+        }
+        global_logger().log_message("Tr " + inttochar(t) + " - ERC (N, Min, Mean (SD), Max): " +
+                                    inttochar(static_cast<std::int32_t>(v.size())) + ", " + stat_text(lo) + ", " +
+                                    stat_text(mean(v)) + " (" + stat_text(std::sqrt(var(v))) + ")" + ", " +
+                                    stat_text(hi));
+    }
+}
+
+void write_r2_g_g(const krel_type& krel) {
+    const auto n = static_cast<std::int32_t>(krel.rel_geno.rows());
+    std::vector<std::int32_t> list(n);
+    for (std::int32_t i = 0; i < n; ++i) list[i] = i + 1;
+    dmatrix transposed(krel.rel_geno.cols(), n);
+    for (std::int32_t i = 1; i <= n; ++i)
+        for (dmatrix::index_type t = 1; t <= transposed.rows(); ++t) transposed(t, i) = krel.rel_geno(i, t);
+    write_pevercrel("qd_sskreliabilities.dat", krel.effect, list, transposed, "f0.5");
+    write_pevercrel("qd_sskreliabilities_tarnelo.dat", krel.effect, list, transposed, "f0.5");
+}
+
+namespace {
+
+// A holder of the SNPs first..last (1-based) of a packed holder.
+covariable_type snp_block(const covariable_type& full, std::int32_t first, std::int32_t last) {
+    covariable_type block;
+    const std::int32_t n = last - first + 1;
+    block.allocint(n, full.ncol);
+    for (std::int64_t b = 1; b <= full.ncol; ++b)
+        std::copy(&full.ival(first, b), &full.ival(first, b) + n, &block.ival(1, b));
+    block.val.resize(n, 1);
+    for (std::int32_t s = 0; s < n; ++s) block.val(s + 1, 1) = full.val(first + s, 1);
+    block.ngeno = full.ngeno;
+    block.idmap = full.idmap;
+    return block;
+}
+
+}  // namespace
+
+void krel_type::compute_krel_geno(bool only_geno, std::optional<std::int32_t> blocks,
+                                  std::optional<std::int32_t> overlap, bool gwas_mode) {
+    auto& log = global_logger();
+    const std::vector<std::int32_t> geno_to_ped = genotyped_levels();
+    std::vector<std::int32_t> subset = geno_to_ped;
+    covariable_type kept;
+    const covariable_type* holder = &geno;
+    if (reffile != "none") {
+        if (!is_plink) {
+            log.log_error("Reference individuals can only be used with Plink genotype files", module_name,
+                          procedure_at("compute_krel_geno"));
+            throw error_stop();
+        }
+        record_reader in;
+        if (!in.open(reffile)) {
+            log.log_io_error("Cannot open the file " + reffile, module_name, procedure_at("compute_krel_geno"));
+            throw error_stop();
+        }
+        subset.clear();
+        std::string_view record;
+        while (in.next(record)) {
+            if (blank_record(record)) continue;
+            item_cursor items(record);
+            std::int32_t id = 0;
+            if (!items.next_int(id)) break;
+            if (id < 1 || static_cast<std::size_t>(id) >= geno.idmap.size() || geno.idmap[id] == 0) {
+                log.log_error("The reference file " + reffile + " names level " + inttochar(id) +
+                                  ", which has no genotypes",
+                              module_name, procedure_at("compute_krel_geno"));
+                throw error_stop();
+            }
+            subset.push_back(id);
+        }
+        std::vector<std::int32_t> idmapnew;
+        keepindividuals(geno.ival, geno.idmap, subset, kept.ival, idmapnew);
+        kept.idmap = std::move(idmapnew);
+        kept.nsnp = geno.nsnp;
+        kept.ncol = static_cast<std::int32_t>(kept.ival.cols());
+        kept.ngeno = static_cast<std::int32_t>(subset.size());
+        kept.val = geno.val;
+        holder = &kept;
+    }
+    if (holder->nsnp != nsnp) {
+        log.log_error("The numbers of SNPs to compute PEV for SNP effects and genetic effects are not the same!",
+                      module_name, procedure_at("compute_krel_geno"));
+        throw error_stop();
+    }
+    double sum2pq = 0.0;
+    for (std::int32_t s = 1; s <= holder->nsnp; ++s) {
+        const double p = holder->val(s, 1);
+        sum2pq += p * (1.0 - p);
+    }
+    sum2pq *= 2.0;
+    log.log_information("Sum of 2pq: " + realtochar(sum2pq, "(f0.3)"));
+
+    compute_krel_step2(geno_to_ped);
+    step_header("Step 3: reliabilities of GEBV for genotyped animals");
+    pev_snp.resize(ntrait, nsnp);
+    rel_geno.resize(ped.nlength(), ntrait);
+    const std::int32_t block_size = blocks && *blocks > 0 && *blocks < nsnp ? *blocks : nsnp;
+    const bool blocked = block_size < nsnp;
+    const auto nanimals = static_cast<std::int32_t>(subset.size());
+
+    for (std::int32_t t = 1; t <= ntrait; ++t) {
+        const std::string label = " (trait " + inttochar(t) + ")";
+        std::vector<double> rdiag(nanimals);
+        for (std::int32_t k = 0; k < nanimals; ++k) rdiag[k] = erc_g(t, subset[k]);
+        const double scale = 1.0 / rmat[1](t, t);
+        const std::optional<double> polyfrac = scale_snp_var ? std::optional<double>(beta) : std::nullopt;
+        const std::string name = "trait" + inttochar(t);
+        std::vector<double> pevg(geno.ngeno, 0.0);
+        dmatrix zrz;
+        std::vector<double> pecdiag;
+        if (!blocked) {
+            log.log_message(std::string(is_plink ? "Step 3.a: inverse SNPBLUP (Plink)" : "Step 3.a: inverse SNPBLUP (real)") +
+                            label);
+            const double sigmab = is_plink ? sum2pq / gvar[effect](t, t) : 1.0 / svar[effect](t, t);
+            compute_krel_step3a(method, is_plink, *holder, rdiag, scale, sigmab, polyfrac, save_pec, name, zrz,
+                                pecdiag);
+            for (std::int32_t s = 1; s <= nsnp; ++s) pev_snp(t, s) = pecdiag[s];
+            if (!gwas_mode) {
+                log.log_message("Step 3.b: computation of genomic PEV for genotyped animals" + label);
+                log.log_information("Computation of PEV (PEC) for genotyped animals(trait " + inttochar(t) +
+                                    " - effect " + inttochar(effect) + ")");
+                wtime clock;
+                if (is_plink)
+                    get_pev_gen_exp_plink(zrz, geno, pevg);
+                else
+                    get_pev_gen_exp_real(zrz, geno, pevg);
+                log.log_message("Wall clock time (s) for computing PEV from (ZRZ+Bi): " +
+                                realtochar(clock.elapsed(), "(f0.3)"));
+            }
+        } else {
+            if (!is_plink) {
+                log.log_error("Blocks: no support for (genotype) matrices in real format", module_name,
+                              procedure_at("pvalue"));
+                throw error_stop();
+            }
+            const std::int32_t ov = overlap && *overlap >= 1 ? *overlap : 0;
+            log.log_information("Size of overlap between blocks: " + inttochar(ov));
+            const std::int32_t nblocks = (nsnp + block_size - 1) / block_size;
+            for (std::int32_t b = 1, start = 1; b <= nblocks; ++b, start += block_size) {
+                const std::int32_t core_end = std::min(b * block_size, nsnp);
+                const std::int32_t ext_start = start > ov + 1 ? start - ov : start;
+                const std::int32_t ext_end = std::min(core_end + ov, nsnp);
+                const covariable_type block = snp_block(*holder, ext_start, ext_end);
+                log.log_message("Step 3.a: inverse SNPBLUP (Plink) (" + inttochar(ext_start) + "-" +
+                                inttochar(ext_end) + ")" + label);
+                compute_krel_step3a(method, true, block, rdiag, scale, sum2pq / gvar[effect](t, t), polyfrac,
+                                    save_pec, name, zrz, pecdiag);
+                log.log_information("Copy SNP PEV (" + inttochar(start) + "-" + inttochar(core_end) + ")");
+                for (std::int32_t s = start; s <= core_end; ++s) pev_snp(t, s) = pecdiag[s - ext_start + 1];
+                if (gwas_mode) continue;
+                // Only the core SNPs enter the genetic PEV, so none counts twice.
+                const covariable_type core = snp_block(geno, start, core_end);
+                const std::int32_t off = start - ext_start;
+                dmatrix c(core_end - start + 1, core_end - start + 1);
+                for (std::int32_t j = 1; j <= c.cols(); ++j)
+                    for (std::int32_t i = 1; i <= c.rows(); ++i) c(i, j) = zrz(i + off, j + off);
+                log.log_message("Step 3.b: computation of genomic PEV for genotyped animals" + label);
+                log.log_information("Computation of PEV (PEC) for genotyped animals(trait " + inttochar(t) +
+                                    " - effect " + inttochar(effect) + ")");
+                wtime clock;
+                std::vector<double> part;
+                get_pev_gen_exp_plink(c, core, part);
+                for (std::size_t i = 0; i < part.size(); ++i) pevg[i] += part[i];
+                log.log_message("Wall clock time (s) for computing PEV from (ZRZ+Bi): " +
+                                realtochar(clock.elapsed(), "(f0.3)"));
+            }
+        }
+        if (gwas_mode) continue;
+
+        const double s = gvar[effect](t, t);
+        const auto ng = static_cast<std::int32_t>(geno_to_ped.size());
+        std::vector<double> relg(ng), d(ng);
+        for (std::int32_t i = 0; i < ng; ++i) {
+            d[i] = use_inbreeding ? s * (1.0 + ped.inb[geno_to_ped[i]]) : s;
+            relg[i] = 1.0 - pevg[i] / d[i];
+        }
+        if (edc_adjust_factor != 1.0) {
+            log.log_message("Genomic EDC adjustement following Liu et al. 2024.\nEDC factor adjustement :" +
+                            realtochar(edc_adjust_factor));
+            const double h = s / (s + 1.0 / rmat[1](t, t));
+            const double lambda = (1.0 - h) / h;
+            for (std::int32_t i = 0; i < ng; ++i) {
+                const double edc = edc_adjust_factor * (lambda * relg[i] / (1.0 - relg[i]));
+                relg[i] = edc / (lambda + edc);
+                pevg[i] = d[i] * (1.0 - relg[i]);
+            }
+        }
+        if (pev_adjust_factor != 1.0) {
+            log.log_message("Genomic PEV adjustement\nPEV factor adjustement :" + realtochar(pev_adjust_factor));
+            for (std::int32_t i = 0; i < ng; ++i) {
+                pevg[i] = d[i] * pev_adjust_factor * (1.0 - relg[i]);
+                relg[i] = 1.0 - pevg[i] / d[i];
+            }
+        }
+        log.log_message("Step 3.c: blending of genomic and RPG REL for genotyped animals" + label);
+        for (std::int32_t i = 0; i < ng; ++i) {
+            const std::int32_t id = geno_to_ped[i];
+            const double w = beta * (1.0 + ped.inb[id]);
+            rel_geno(id, t) = (w * rel(id, t) + (1.0 - beta) * relg[i]) / (w + 1.0 - beta);
+        }
+        if (lkrel_verbose) {
+            std::ofstream out("qd_pevrelstarrel_geno_" + inttochar(t) + ".dat");
+            for (std::int32_t i = 0; i < ng; ++i)
+                out << (i + 1) << ' ' << geno_to_ped[i] << ' ' << realtochar(pevg[i]) << ' ' << realtochar(relg[i])
+                    << ' ' << realtochar(rel_geno(geno_to_ped[i], t)) << '\n';
+        }
+        log.log_message("");
+    }
+    std::vector<std::int32_t> snps(nsnp);
+    for (std::int32_t s = 0; s < nsnp; ++s) snps[s] = s + 1;
+    write_pevercrel("qd_pevsnpeffects.dat", effect, snps, pev_snp);
+    if (gwas_mode) return;
+    for (dmatrix::index_type t = 1; t <= rel_geno.cols(); ++t)
+        for (dmatrix::index_type i = 1; i <= rel_geno.rows(); ++i)
+            rel_geno(i, t) = std::min(std::max(rel_geno(i, t), 1.0e-8), 1.0);
+    if (only_geno) {
+        dmatrix gathered(ntrait, ped.nlength());
+        for (const std::int32_t id : geno_to_ped)
+            for (std::int32_t t = 1; t <= ntrait; ++t) gathered(t, id) = rel_geno(id, t);
+        write_pevercrel("qd_sskreliabilities_geno.dat", effect, geno_to_ped, gathered);
+    }
+}
+
+void krel_type::pvalue(const std::string& solfile, std::optional<std::int32_t> snp_effect, bool tarnelo_format) {
+    auto& log = global_logger();
+    const std::int32_t eff = snp_effect.value_or(effect);
+    if (solfile == "none") {
+        log.log_error("No SNP files were provided for GWAS", module_name, procedure_at("pvalue"));
+        throw error_stop();
+    }
+    dmatrix b(nsnp, ntrait);
+    if (tarnelo_format)
+        readsol_tarnelo_reg(solfile, eff, b);
+    else
+        readsol(solfile, eff, b);
+    dmatrix varhat(ntrait, nsnp), z(ntrait, nsnp), p(ntrait, nsnp), lr(ntrait, nsnp);
+    const bool snp_route = svcv != "none" && static_cast<std::size_t>(effect) < svar.size();
+    if (snp_route) {
+        for (std::int32_t t = 1; t <= ntrait; ++t)
+            for (std::int32_t j = 1; j <= nsnp; ++j) varhat(t, j) = svar[effect](t, t) - pev_snp(t, j);
+    } else if (static_cast<std::size_t>(effect) < gvar.size()) {
+        double d = 0.0;
+        for (std::int32_t j = 1; j <= nsnp; ++j) {
+            const double q = snp_frequency(j);
+            d += (1.0 - q) * q;
+        }
+        d *= 2.0;
+        for (std::int32_t t = 1; t <= ntrait; ++t)
+            for (std::int32_t j = 1; j <= nsnp; ++j) varhat(t, j) = gvar[effect](t, t) / d - pev_snp(t, j);
+    } else {
+        log.log_error("(Co)variance components for SNP effects should be provided", module_name, procedure_at("pvalue"));
+        throw error_stop();
+    }
+    for (std::int32_t t = 1; t <= ntrait; ++t)
+        for (std::int32_t j = 1; j <= nsnp; ++j) {
+            const double bj = b(j, t), v = varhat(t, j);
+            const __float128 qb = bj, qv = v;
+            const __float128 u = fabsq(qb) / sqrtq(qv);
+            const __float128 c = cdf_norm(u);
+            p(t, j) = v != 0.0 ? static_cast<double>(2 * (1 - c)) : 0.0;
+            z(t, j) = static_cast<double>(qb / sqrtq(qv));
+            lr(t, j) = v != 0.0 ? ((0.5 * bj) * bj) / v : DBL_MAX;
+        }
+    std::vector<std::int32_t> snps(nsnp);
+    for (std::int32_t s = 0; s < nsnp; ++s) snps[s] = s + 1;
+    write_pevercrel("qd_zscores_approx.dat", eff, snps, z);
+    write_pevercrel("qd_pvalues_approx.dat", eff, snps, p);
+    write_pevercrel("qd_lr_approx.dat", eff, snps, lr);
+    write_pevercrel("qd_varhatsnpeffects_approx.dat", eff, snps, varhat);
+}
+
+double krel_type::snp_frequency(std::int32_t j) const {
+    if (is_plink) return geno.val(j, 1);
+    return static_cast<std::size_t>(j) < freq.size() ? freq[j] : 0.0;
+}
+
+}  // namespace krel
