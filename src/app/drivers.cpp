@@ -194,14 +194,20 @@ void run_krel(const command_line& cli, const run_options& opts) {
     krel.init_krel(k);
     krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false);
     run_pvalues(krel, opts);
-    if (!kopts.only_geno) {
-        // Steps 4 to 6 (animals without genotypes) are not part of this
-        // build: say so rather than write incomplete result files.
+    if (kopts.only_geno) return;
+    krel.compute_krel_notgeno();
+    if (krel.getsizeped() > 1000000 || kopts.ungeno_tm) {
+        krel.approxinvlhs();
+    } else {
+        // The exact inverse of the left-hand side is not part of this build:
+        // say so rather than write incomplete result files.
         global_logger().log_error(
-            "Reliabilities of animals without genotypes are not available in this version: use --only-geno",
+            "The exact road for animals without genotypes is not available in this version: use --ungeno_tm "
+            "or --only-geno",
             "krel", procedure_at("run_krel"));
         throw error_stop();
     }
+    write_r2_g_g(krel);
 }
 
 void run_gwas(const command_line& /*cli*/, const run_options& opts) {

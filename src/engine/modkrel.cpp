@@ -16,6 +16,7 @@
 #include "inputs/modplink.h"
 #include "inputs/modsolutions.h"
 #include "util/freeform.h"
+#include "util/modmatop.h"
 #include "util/modstats.h"
 #include "util/logger.h"
 #include "util/modbasic.h"
@@ -413,6 +414,141 @@ void krel_type::pvalue(const std::string& solfile, std::optional<std::int32_t> s
 double krel_type::snp_frequency(std::int32_t j) const {
     if (is_plink) return geno.val(j, 1);
     return static_cast<std::size_t>(j) < freq.size() ? freq[j] : 0.0;
+}
+
+void krel_type::compute_krel_notgeno() {
+    auto& log = global_logger();
+    const std::int32_t n = ped.nlength();
+    const std::vector<std::int32_t> gl = genotyped_levels();
+    step_header("Step 4: weights for the non-genotyped animals");
+    std::vector<std::int32_t> listed;
+    if (phenofile == "rela") {
+        listed = related;
+    } else if (phenofile == "none") {
+        listed.resize(static_cast<std::size_t>(pev.rows()));
+        for (std::size_t i = 0; i < listed.size(); ++i) listed[i] = static_cast<std::int32_t>(i + 1);
+    } else {
+        record_reader in;
+        if (!in.open(phenofile)) {
+            log.log_io_error("Cannot open the file " + phenofile, module_name, procedure_at("compute_krel_notgeno"));
+            throw error_stop();
+        }
+        std::string_view record;
+        while (in.next(record)) {
+            if (blank_record(record)) continue;
+            item_cursor items(record);
+            std::int32_t id = 0;
+            if (!items.next_int(id)) break;
+            if (id < 1 || id > n) {
+                log.log_error("The file " + phenofile + " names level " + inttochar(id) + ", outside the pedigree (1 to " +
+                                  inttochar(n) + ")",
+                              module_name, procedure_at("compute_krel_notgeno"));
+                throw error_stop();
+            }
+            listed.push_back(id);
+        }
+    }
+    log.log_information("Number of individuals listed: " + inttochar(static_cast<std::int32_t>(listed.size())));
+    dmatrix erc1;
+    {
+        reverse_type rev1;
+        copy_krel_to_reverse(listed, rev1);
+        rev1.compute_reverse("qd_erc_f.dat");
+        rev1.clean_reverse();
+        erc1 = std::move(rev1.erc);
+    }
+
+    step_header("Step 5: genomic weights for the genotyped animals");
+    dmatrix erc2;
+    {
+        reverse_type rev2;
+        copy_krel_to_reverse(gl, rev2);
+        rev2.rel.assign(0.0);
+        for (std::int32_t t = 1; t <= ntrait; ++t) {
+            log.log_message("Trait " + inttochar(t));
+            for (const std::int32_t g : gl) rev2.rel(g, t) = rel_geno(g, t);
+            const double gv = gvar[effect](t, t);
+            for (dmatrix::index_type i = 1; i <= rev2.pev.rows(); ++i) {
+                if (use_inbreeding) {
+                    const double v = gv * ped.inb[i] + gv;
+                    rev2.pev(i, t) = v - rev2.rel(i, t) * v;
+                } else {
+                    rev2.pev(i, t) = gv - gv * rev2.rel(i, t);
+                }
+            }
+        }
+        rev2.compute_reverse("qd_erc_g_g.dat");
+        rev2.clean_reverse();
+        erc2 = std::move(rev2.erc);
+    }
+    dmatrix ercadd(erc1.rows(), erc1.cols()), ercss(erc1.rows(), erc1.cols());
+    {
+        std::ofstream stats("qd_stats_erc_add.dat");
+        for (std::int32_t t = 1; t <= ntrait; ++t) {
+            std::vector<double> v;
+            for (const std::int32_t g : gl) {
+                const double d = erc2(t, g) - erc_g(t, g);
+                ercadd(t, g) = d > 0.0 ? d : 1e-08;
+                v.push_back(ercadd(t, g));
+                ercss(t, g) = erc1(t, g) + ercadd(t, g);
+            }
+            double lo = std::numeric_limits<double>::max(), hi = -std::numeric_limits<double>::max();
+            for (double x : v) {
+                lo = std::min(lo, x);
+                hi = std::max(hi, x);
+            }
+            stats << inttochar(t) << ' ' << stat_text(lo) << ' ' << stat_text(mean(v)) << ' '
+                  << stat_text(std::sqrt(var(v))) << ' ' << stat_text(hi) << '\n';
+        }
+        if (!stats.flush()) {
+            log.log_io_error("Cannot write the file qd_stats_erc_add.dat", module_name,
+                             procedure_at("compute_krel_notgeno"));
+            throw error_stop();
+        }
+    }
+    if (lkrel_verbose) {
+        std::ofstream debug("fort.5555");
+        for (dmatrix::index_type i = 1; i <= erc1.cols(); ++i) {
+            debug << i << " 1";
+            for (const dmatrix* m : {&erc1, &erc2, &erc_g, &ercss})
+                for (dmatrix::index_type t = 1; t <= m->rows(); ++t) debug << ' ' << realtochar((*m)(t, i), "(f0.6)");
+            debug << '\n';
+        }
+    }
+
+    step_header("Step 6: combining the weights for all the animals");
+    erc_ss = erc1;
+    for (const std::int32_t g : gl)
+        for (std::int32_t t = 1; t <= ntrait; ++t) erc_ss(t, g) = ercss(t, g);
+    if (lkrel_verbose || save_erc) {
+        write_pevercrel("qd_erc_add.dat", effect, gl, ercadd);
+        std::vector<std::int32_t> all(static_cast<std::size_t>(erc_ss.cols()));
+        for (std::size_t i = 0; i < all.size(); ++i) all[i] = static_cast<std::int32_t>(i + 1);
+        write_pevercrel("qd_erc_ss.dat", effect, all, erc_ss);
+    }
+}
+
+void krel_type::approxinvlhs() {
+    const std::int32_t n = ped.nlength();
+    std::vector<double> w(static_cast<std::size_t>(n) + 1), d;
+    const std::vector<double> no_inbreeding;
+    for (std::int32_t t = 1; t <= ntrait; ++t) {
+        // One trait at a time: only the diagonal of each block is used.
+        double r = rmat[1](t, t), g = gvar[effect](t, t);
+        std::int32_t rank = 0;
+        ginv1(&r, 1, 1, 1e-08, rank);
+        ginv1(&g, 1, 1, 1e-08, rank);
+        global_logger().log_message("Tier and Meyer reliabilities for the animals (trait " + inttochar(t) + ")");
+        for (std::int32_t i = 1; i <= n; ++i) w[i] = erc_ss(t, i);
+        tiermeyer(ped, order, use_inbreeding ? std::span<const double>(ped.inb) : std::span<const double>(no_inbreeding),
+                  g, r, w, d);
+        const double gv = gvar[effect](t, t);
+        for (std::int32_t i = 1; i <= n; ++i) {
+            if (static_cast<std::size_t>(i) < idmap.size() && idmap[i] != 0) continue;
+            const double f = use_inbreeding ? ped.inb[i] : 0.0;
+            rel_geno(i, t) = 1.0 - d[i] / std::fma(f, gv, gv);
+        }
+    }
 }
 
 }  // namespace krel

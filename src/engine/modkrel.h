@@ -68,6 +68,11 @@ public:
     // or six with tarnelo_format).
     void pvalue(const std::string& solfile, std::optional<std::int32_t> snp_effect = std::nullopt,
                 bool tarnelo_format = false);
+    // Steps 4 to 6: final weights erc_ss of all animals.
+    void compute_krel_notgeno();
+    // Reliabilities of the animals without genotypes by the Tier and Meyer
+    // approximation of the inverse left-hand side.
+    void approxinvlhs();
     // Allele frequency of SNP j (1-based) as the model uses it.
     double snp_frequency(std::int32_t j) const;
 };

@@ -43,6 +43,14 @@ inline double tmform6(double a, double b) {
 // value on entry.
 void get_erc(std::span<const double> target_i, const dmatrix& p, const dmatrix& rinv, std::span<double> x);
 
+// Approximate diagonal of the inverse left-hand side of a one-trait animal
+// model: own information w(i) rinv for each level, pedigree information by
+// Henderson's rules with the inbreeding of `inb` (1-based, empty for none),
+// and ginv the inverse genetic variance. d is 1-based over the levels; group
+// levels get the prior variance.
+void tiermeyer(const pedigree_type& ped, std::span<const std::int32_t> order, std::span<const double> inb,
+               double ginv, double rinv, std::span<const double> w, std::vector<double>& d);
+
 // Genomic PEV of every genotyped animal: the diagonal of Z' C Z, with C
 // the leading nsnp by nsnp block of c, formed for blocks of animals (256 for
 // real genotypes, 2048 for packed ones) with two matrix products each.
