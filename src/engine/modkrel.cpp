@@ -31,6 +31,43 @@ constexpr const char* module_name = "modkrel";
 
 std::string stat_text(double v) { return realtochar(v, "(f0.3)"); }
 
+// Smallest and largest value; for an empty list the largest real and its negative.
+std::pair<double, double> extremes(const std::vector<double>& v) {
+    double lo = std::numeric_limits<double>::max(), hi = -std::numeric_limits<double>::max();
+    for (double x : v) {
+        lo = std::min(lo, x);
+        hi = std::max(hi, x);
+    }
+    return {lo, hi};
+}
+
+// One level on each record, read until a record does not start with an
+// integer; a level outside 1 to maxlevel stops the run.
+std::vector<std::int32_t> read_levels(const std::string& file, std::int32_t maxlevel, const char* routine) {
+    auto& log = global_logger();
+    record_reader in;
+    if (!in.open(file)) {
+        log.log_io_error("Cannot open the file " + file, module_name, procedure_at(routine));
+        throw error_stop();
+    }
+    std::vector<std::int32_t> levels;
+    std::string_view record;
+    while (in.next(record)) {
+        if (blank_record(record)) continue;
+        item_cursor items(record);
+        std::int32_t id = 0;
+        if (!items.next_int(id)) break;
+        if (id < 1 || id > maxlevel) {
+            log.log_error("The file " + file + " names level " + inttochar(id) + ", outside the pedigree (1 to " +
+                              inttochar(maxlevel) + ")",
+                          module_name, procedure_at(routine));
+            throw error_stop();
+        }
+        levels.push_back(id);
+    }
+    return levels;
+}
+
 }  // namespace
 
 void step_header(const std::string& title) {
@@ -136,11 +173,7 @@ void krel_type::compute_krel_step2(const std::vector<std::int32_t>& list) {
         std::vector<double> v;
         v.reserve(list.size());
         for (const std::int32_t id : list) v.push_back(erc_g(t, id));
-        double lo = std::numeric_limits<double>::max(), hi = -std::numeric_limits<double>::max();
-        for (double x : v) {
-            lo = std::min(lo, x);
-            hi = std::max(hi, x);
-        }
+        const auto [lo, hi] = extremes(v);
         global_logger().log_message("Tr " + inttochar(t) + " - ERC (N, Min, Mean (SD), Max): " +
                                     inttochar(static_cast<std::int32_t>(v.size())) + ", " + stat_text(lo) + ", " +
                                     stat_text(mean(v)) + " (" + stat_text(std::sqrt(var(v))) + ")" + ", " +
@@ -190,26 +223,14 @@ void krel_type::compute_krel_geno(bool only_geno, std::optional<std::int32_t> bl
                           procedure_at("compute_krel_geno"));
             throw error_stop();
         }
-        record_reader in;
-        if (!in.open(reffile)) {
-            log.log_io_error("Cannot open the file " + reffile, module_name, procedure_at("compute_krel_geno"));
-            throw error_stop();
-        }
-        subset.clear();
-        std::string_view record;
-        while (in.next(record)) {
-            if (blank_record(record)) continue;
-            item_cursor items(record);
-            std::int32_t id = 0;
-            if (!items.next_int(id)) break;
-            if (id < 1 || static_cast<std::size_t>(id) >= geno.idmap.size() || geno.idmap[id] == 0) {
+        subset = read_levels(reffile, ped.nlength(), "compute_krel_geno");
+        for (const std::int32_t id : subset)
+            if (static_cast<std::size_t>(id) >= geno.idmap.size() || geno.idmap[id] == 0) {
                 log.log_error("The reference file " + reffile + " names level " + inttochar(id) +
                                   ", which has no genotypes",
                               module_name, procedure_at("compute_krel_geno"));
                 throw error_stop();
             }
-            subset.push_back(id);
-        }
         std::vector<std::int32_t> idmapnew;
         keepindividuals(geno.ival, geno.idmap, subset, kept.ival, idmapnew);
         kept.idmap = std::move(idmapnew);
@@ -428,25 +449,7 @@ void krel_type::compute_krel_notgeno() {
         listed.resize(static_cast<std::size_t>(pev.rows()));
         for (std::size_t i = 0; i < listed.size(); ++i) listed[i] = static_cast<std::int32_t>(i + 1);
     } else {
-        record_reader in;
-        if (!in.open(phenofile)) {
-            log.log_io_error("Cannot open the file " + phenofile, module_name, procedure_at("compute_krel_notgeno"));
-            throw error_stop();
-        }
-        std::string_view record;
-        while (in.next(record)) {
-            if (blank_record(record)) continue;
-            item_cursor items(record);
-            std::int32_t id = 0;
-            if (!items.next_int(id)) break;
-            if (id < 1 || id > n) {
-                log.log_error("The file " + phenofile + " names level " + inttochar(id) + ", outside the pedigree (1 to " +
-                                  inttochar(n) + ")",
-                              module_name, procedure_at("compute_krel_notgeno"));
-                throw error_stop();
-            }
-            listed.push_back(id);
-        }
+        listed = read_levels(phenofile, n, "compute_krel_notgeno");
     }
     log.log_information("Number of individuals listed: " + inttochar(static_cast<std::int32_t>(listed.size())));
     dmatrix erc1;
@@ -492,11 +495,7 @@ void krel_type::compute_krel_notgeno() {
                 v.push_back(ercadd(t, g));
                 ercss(t, g) = erc1(t, g) + ercadd(t, g);
             }
-            double lo = std::numeric_limits<double>::max(), hi = -std::numeric_limits<double>::max();
-            for (double x : v) {
-                lo = std::min(lo, x);
-                hi = std::max(hi, x);
-            }
+            const auto [lo, hi] = extremes(v);
             stats << inttochar(t) << ' ' << stat_text(lo) << ' ' << stat_text(mean(v)) << ' '
                   << stat_text(std::sqrt(var(v))) << ' ' << stat_text(hi) << '\n';
         }

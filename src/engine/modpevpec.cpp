@@ -124,33 +124,48 @@ void tiermeyer_rev(const pedigree_type& ped, std::span<const std::int32_t> order
 
     if (nt == 1) {
         // Closed forms throughout: one pass over the records costs a few
-        // scalar operations each.
+        // scalar operations each. The information of a record and its
+        // contribution to its parents sit side by side, one cache line for
+        // both; the own information of the present ERC is kept in erc between
+        // the passes rather than computed twice.
         const double gi = ginv(1, 1), ri = rinv(1, 1);
-        std::vector<double> f(static_cast<std::size_t>(n) + 1, 0.0), c(static_cast<std::size_t>(n) + 1, 0.0);
-        auto own = [&](double v) { return std::sqrt(v) * std::sqrt(v) * ri; };
+        struct info {
+            double f, c;
+        };
+        std::vector<info> fc(static_cast<std::size_t>(n) + 1, info{0.0, 0.0});
+        erc.resize(1, n);
+        double* own_x = &erc(1, 1) - 1;  // 1-based view
         for (std::int32_t k = n; k >= nupg + 1; --k) {
             const std::int32_t i = order[k];
-            f[i] += own(x(1, i));
-            c[i] = tmform6(gi, f[i]);
+            const double v = x(1, i);
+            const double own = std::sqrt(v) * std::sqrt(v) * ri;
+            own_x[i] = own;
+            fc[i].f += own;
+            fc[i].c = tmform6(gi, fc[i].f);
             const std::int32_t s = ped.sire(i), d = ped.dam(i);
-            if (valid(s)) f[s] += c[i];
-            if (valid(d)) f[d] += c[i];
+            if (valid(s)) fc[s].f += fc[i].c;
+            if (valid(d)) fc[d].f += fc[i].c;
         }
-        erc.resize(1, n);
         for (std::int32_t k = nupg + 1; k <= n; ++k) {
             const std::int32_t i = order[k];
             const std::int32_t s = ped.sire(i), d = ped.dam(i);
-            if (valid(s)) f[i] += tmform6(gi, f[s] - c[i]);
-            if (valid(d)) f[i] += tmform6(gi, f[d] - c[i]);
+            double f = fc[i].f;
+            const double c = fc[i].c;
+            if (valid(s)) f += tmform6(gi, fc[s].f - c);
+            if (valid(d)) f += tmform6(gi, fc[d].f - c);
             const double xi = x(1, i);
-            if (!(xi > 0.0)) continue;
-            f[i] -= own(xi);
-            const double t = f[i] + gi;
+            if (!(xi > 0.0)) {
+                fc[i].f = f;
+                own_x[i] = 0.0;
+                continue;
+            }
+            f -= own_x[i];
+            const double t = f + gi;
             const double xnew = (1.0 / target(1, i) - t) / ri;
             double e = xi + damp * (xnew - xi);
             if (e < 0.0) e = erc_floor;
-            erc(1, i) = e;
-            f[i] += own(e);
+            own_x[i] = e;
+            fc[i].f = f + std::sqrt(e) * std::sqrt(e) * ri;
         }
         return;
     }

@@ -30,14 +30,24 @@ void finish_zrz(dmatrix& zrz, std::int64_t nsnp, double sigmab, std::optional<do
     for (std::int64_t i = 1; i <= nsnp; ++i) zrz(i, i) += bi;
 }
 
-std::vector<double> weights(std::span<const double> r0, double scale, std::int64_t nind) {
+// The weights r = scale r0, and the matrix with its corner, sum of r.
+std::vector<double> start_zrz(dmatrix& zrz, std::int64_t nsnp, std::span<const double> r0, double scale,
+                              std::int64_t nind) {
+    zrz.resize(nsnp + 1, nsnp + 1);
     std::vector<double> r(nind);
-    for (std::int64_t i = 0; i < nind; ++i) r[i] = scale * r0[i];
+    double sum = 0.0;
+    for (std::int64_t i = 0; i < nind; ++i) {
+        r[i] = scale * r0[i];
+        sum += r[i];
+    }
+    zrz(nsnp + 1, nsnp + 1) = sum;
     return r;
 }
 
-void mirror_border(dmatrix& zrz, std::int64_t nsnp) {
+// The border column is in place: the row is its copy.
+void finish_border(dmatrix& zrz, std::int64_t nsnp, const wtime& clock) {
     for (std::int64_t i = 1; i <= nsnp; ++i) zrz(nsnp + 1, i) = zrz(i, nsnp + 1);
+    global_logger().log_information("Wall clock time (s) for ZR1: " + realtochar(clock.elapsed(), "(f0.3)"));
 }
 
 }  // namespace
@@ -45,16 +55,11 @@ void mirror_border(dmatrix& zrz, std::int64_t nsnp) {
 void compute_zrz_plink(std::int32_t method, const covariable_type& cov, std::span<const double> r0, double scale,
                        double sigmab, dmatrix& zrz, std::optional<double> polyfrac) {
     const std::int64_t nsnp = cov.nsnp, nind = cov.ngeno, nbytes = cov.ncol;
-    zrz.resize(nsnp + 1, nsnp + 1);
-    const auto r = weights(r0, scale, nind);
-    double sum = 0.0;
-    for (double x : r) sum += x;
-    zrz(nsnp + 1, nsnp + 1) = sum;
+    const auto r = start_zrz(zrz, nsnp, r0, scale, nind);
     wtime clock;
     dgemm_compressed("n", "n", nsnp, 1, nind, nbytes, 1.0, cov.ival.data(), cov.val.data(), nsnp, r.data(), nind,
                      0.0, &zrz(1, nsnp + 1), nsnp);
-    mirror_border(zrz, nsnp);
-    global_logger().log_information("Wall clock time (s) for ZR1: " + realtochar(clock.elapsed(), "(f0.3)"));
+    finish_border(zrz, nsnp, clock);
     if (method == 1) {
         dgemm_zrz_mkl(nind, nsnp, nbytes, cov.ival.data(), cov.val.data(), r.data(), zrz.data(), nsnp + 1);
     } else if (method == 2) {
@@ -82,17 +87,12 @@ void dgemm_zrz_real(const covariable_type& cov, std::int64_t nsnp, std::int64_t 
 void compute_zrz_real(const covariable_type& cov, std::span<const double> r0, double scale, double sigmab,
                       dmatrix& zrz, std::optional<double> polyfrac) {
     const std::int64_t nsnp = cov.nsnp, nind = cov.ngeno;
-    zrz.resize(nsnp + 1, nsnp + 1);
-    const auto r = weights(r0, scale, nind);
-    double sum = 0.0;
-    for (double x : r) sum += x;
-    zrz(nsnp + 1, nsnp + 1) = sum;
+    const auto r = start_zrz(zrz, nsnp, r0, scale, nind);
     wtime clock;
     if (nsnp > 0 && nind > 0)
         cblas_dgemv(CblasColMajor, CblasNoTrans, nsnp, nind, 1.0, cov.val.data(), nsnp, r.data(), 1, 0.0,
                     &zrz(1, nsnp + 1), 1);
-    mirror_border(zrz, nsnp);
-    global_logger().log_information("Wall clock time (s) for ZR1: " + realtochar(clock.elapsed(), "(f0.3)"));
+    finish_border(zrz, nsnp, clock);
     if (nsnp > 0) dgemm_zrz_real(cov, nsnp, nind, r.data(), zrz.data(), nsnp + 1);
     finish_zrz(zrz, nsnp, sigmab, polyfrac, clock);
 }

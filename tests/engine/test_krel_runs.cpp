@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/binary_run.h"
+#include "run_results.h"
 
 namespace krel {
 namespace {
@@ -16,31 +17,14 @@ namespace {
 using testing::contains;
 using testing::run_binary;
 using testing::run_program;
+using testing::results;
 using testing::scratch_dir;
 
-void generate(const scratch_dir& dir, std::vector<std::string> extra = {}) {
-    std::vector<std::string> args = {"--out", ".", "--animals", "500", "--genotyped", "80", "--snps", "150",
-                                     "--text", "--centred-text"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    const auto r = run_program(dir, KREL_SIMULATE_BINARY, args);
-    ASSERT_EQ(r.status, 0) << r.err;
+void generate(const scratch_dir& dir) {
+    testing::generate(dir, {"--animals", "500", "--genotyped", "80", "--snps", "150", "--text", "--centred-text"});
 }
 
 // Values of a result file by record: record -> values after the three integers.
-std::map<long, std::vector<double>> results(const scratch_dir& dir, const std::string& name) {
-    std::map<long, std::vector<double>> out;
-    std::istringstream in(dir.read(name));
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        long id = 0, effect = 0, zero = -1;
-        words >> id >> effect >> zero;
-        EXPECT_EQ(zero, 0) << line;
-        std::vector<double> v;
-        for (std::string w; words >> w;) v.push_back(std::stod(w));
-        out[id] = v;
-    }
-    return out;
-}
 
 // The log with its wrapped lines joined: long messages are split at blanks.
 std::string flat(const std::string& log) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/binary_run.h"
+#include "run_results.h"
 #include "engine/modpevpec.h"
 
 namespace krel {
@@ -17,6 +18,7 @@ namespace {
 using testing::contains;
 using testing::run_binary;
 using testing::run_program;
+using testing::results;
 using testing::scratch_dir;
 
 TEST(tiermeyer, ExactWhereThereAreNoRelationships) {
@@ -47,24 +49,9 @@ TEST(tiermeyer, ExactWhereThereAreNoRelationships) {
 }
 
 void generate(const scratch_dir& dir) {
-    const auto r = run_program(dir, KREL_SIMULATE_BINARY,
-                               {"--out", ".", "--animals", "600", "--genotyped", "70", "--snps", "120"});
-    ASSERT_EQ(r.status, 0) << r.err;
+    testing::generate(dir, {"--animals", "600", "--genotyped", "70", "--snps", "120"});
 }
 
-std::map<long, std::vector<double>> results(const scratch_dir& dir, const std::string& name) {
-    std::map<long, std::vector<double>> out;
-    std::istringstream in(dir.read(name));
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        long id = 0, effect = 0, zero = 0;
-        words >> id >> effect >> zero;
-        std::vector<double> v;
-        for (std::string w; words >> w;) v.push_back(std::stod(w));
-        out[id] = v;
-    }
-    return out;
-}
 
 const std::vector<std::string> model = {"--ped", "pedigree.txt", "--effect", "1", "--h2", "heritability.txt",
                                         "--gvcv", "genetic_vcv.txt", "--pev", "pev.txt", "--gen", "genotypes.bed",
