@@ -12,6 +12,8 @@
 
 namespace krel {
 
+class coosparse;
+
 class pedigree_type {
 public:
     pedigree_type() = default;
@@ -71,6 +73,15 @@ public:
     std::int32_t checkval() const;
     void computeinbreeding_ped(const std::optional<std::string>& outdir = std::nullopt);
     void readinbreeding(const std::string& file);
+
+    // Inverse of the numerator relationship matrix by Henderson's rules with
+    // the inbreeding of the parents (inb must be filled). Adds the
+    // contribution of each of the levels 1 to n, the level's number being
+    // its equation; a group parent counts as a founder level.
+    void addrandompart_eff_ani_inb(coosparse& lhs, std::int32_t n) const;
+    // The inverse relationship matrix of levels 1 to n (default: all) in a
+    // new upper-stored symmetric matrix of order n, sized not to grow.
+    void computeasparse_ped(coosparse& asparse, std::optional<std::int32_t> n = std::nullopt) const;
 
 private:
     std::int32_t nlevels_ = 0;
