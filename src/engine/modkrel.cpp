@@ -77,6 +77,7 @@ void step_header(const std::string& title) {
 
 void krel_type::init_krel(const krel_init_options& o) {
     auto& log = global_logger();
+    wtime clock;
     pedfile = o.pedfile;
     genfile = o.genfile;
     freqfile = o.freqfile;
@@ -120,6 +121,7 @@ void krel_type::init_krel(const krel_init_options& o) {
         std::ofstream out("qd_list_related_genotyped.dat");
         for (const std::int32_t id : related) out << list_directed(id) << '\n';
     }
+    log.log_message("Wall clock time (s) for reading the data: " + realtochar(clock.elapsed(), "(f0.3)"));
 }
 
 void krel_type::readdata_asci_krel() {
@@ -538,6 +540,7 @@ void krel_type::approxinvlhs() {
         ginv1(&r, 1, 1, 1e-08, rank);
         ginv1(&g, 1, 1, 1e-08, rank);
         global_logger().log_message("Tier and Meyer reliabilities for the animals (trait " + inttochar(t) + ")");
+        wtime clock;
         for (std::int32_t i = 1; i <= n; ++i) w[i] = erc_ss(t, i);
         tiermeyer(ped, order, use_inbreeding ? std::span<const double>(ped.inb) : std::span<const double>(no_inbreeding),
                   g, r, w, d);
@@ -547,6 +550,7 @@ void krel_type::approxinvlhs() {
             const double f = use_inbreeding ? ped.inb[i] : 0.0;
             rel_geno(i, t) = 1.0 - d[i] / std::fma(f, gv, gv);
         }
+        global_logger().log_message("Wall clock time (s) for Tier and Meyer: " + realtochar(clock.elapsed(), "(f0.3)"));
     }
 }
 

@@ -1,5 +1,7 @@
 #include "inputs/modparameters.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "util/freeform.h"
@@ -114,17 +116,9 @@ void readrf(const std::string& file, std::int32_t& ntrait, std::vector<dmatrix>&
 
 void writeg(const dmatrix& a, std::int32_t n, std::int32_t m, const std::string& title, std::int32_t effect) {
     std::string text = title + "\n  Effect  Covariable  Trait  (Co)variance(s)";
-    // Appended piece by piece: g++ 12 warns falsely on "literal" + std::string&&.
     for (std::int32_t i = 1; i <= n; ++i) {
-        text += '\n';
-        text += inttochar(effect, "(i8)");
-        text += inttochar(1, "(i12)");
-        text += inttochar(i, "(i7)");
-        text += ' ';
-        for (std::int32_t j = 1; j <= m; ++j) {
-            text += ' ';
-            text += realtochar(a(i, j), "(es12.4)");
-        }
+        text += fmt::format("\n{:>8}{:>12}{:>7} ", effect, 1, i);
+        for (std::int32_t j = 1; j <= m; ++j) text += fmt::format(" {:>12}", realtochar(a(i, j), "(es12.4)"));
     }
     global_logger().log_message(text);
 }
