@@ -184,6 +184,21 @@ TEST(krel_runs, BadInputStopsWithItsFileNamed) {
     EXPECT_TRUE(contains(flat(s.log), "bad_pev.txt")) << s.log;
     EXPECT_TRUE(contains(flat(s.log), "level 99999"));
 
+    // A SNP solution file with a wrong number of columns.
+    dir.write("bad_sol.txt", "1 2 3 0.5\n");
+    auto gw = with_model({"gwas", "--gen", "genotypes.bed", "--freq", "compute", "--svcv", "snp_vcv.txt", "--gwas",
+                          "bad_sol.txt", "2"});
+    const auto sol = run_binary(dir, gw);
+    EXPECT_NE(sol.status, 0);
+    EXPECT_TRUE(contains(flat(sol.log), "The file bad_sol.txt must contain 5 columns!")) << sol.log;
+
+    // Reference animals without genotypes.
+    dir.write("ref.txt", "1\n2\n3\n");
+    const auto ref = run_binary(dir, with_model({"krel", "--only-geno", "--ref", "ref.txt", "--gen", "genotypes.bed",
+                                                 "--freq", "compute", "--svcv", "snp_vcv.txt"}));
+    EXPECT_NE(ref.status, 0);
+    EXPECT_TRUE(contains(flat(ref.log), "which has no genotypes")) << ref.log;
+
     // A frequency file of another length.
     dir.write("short_freq.txt", "1 0.5\n2 0.5\n");
     const auto f = run_binary(dir, with_model({"krel", "--only-geno", "--gen", "genotypes_spaced.txt", "--freq",

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -165,6 +166,25 @@ TEST(step3, SnpTestStatistics) {
     EXPECT_NEAR(p3, 1.5239706048321e-23, 1e-33);
     EXPECT_NE(z.find("\n3 5 0 -10 \n"), std::string::npos);
     EXPECT_NE(lr.find("\n4 5 0 1.125 \n"), std::string::npos);
+    // Tails against erfc(u / sqrt 2): 1 - Phi(u) is formed in 16-byte reals,
+    // so its error is that of a 16-byte unit (about 1e-34), and it reaches 0
+    // once Phi(u) rounds to 1, between u = 11 and u = 13.
+    k.nsnp = 5;
+    k.pev_snp.resize(1, 5);
+    for (std::int32_t j = 1; j <= 5; ++j) k.pev_snp(1, j) = 1.0;  // variance of the estimate 1
+    dir.write("tails.txt", "1 5 1 1 3\n1 5 2 2 8\n1 5 3 3 10\n1 5 4 4 11\n1 5 5 5 13\n");
+    std::filesystem::current_path(dir.path());
+    k.pvalue("tails.txt", 5);
+    std::filesystem::current_path(old);
+    std::istringstream tails(dir.read("qd_pvalues_approx.dat"));
+    const double reference[5] = {0.0026997960632601913, 1.2441921148543639e-15, 1.5239706048321186e-23,
+                                 3.821319148997366e-28, 0.0};
+    for (double ref : reference) {
+        long id = 0, e = 0, zero = 0;
+        double value = -1.0;
+        tails >> id >> e >> zero >> value;
+        EXPECT_NEAR(value, ref, 1e-14 * ref + 4e-34) << id;
+    }
     EXPECT_THROW(k.pvalue("none"), error_stop);
     EXPECT_NE(log.text().find("No SNP files were provided for GWAS"), std::string::npos);
 }
