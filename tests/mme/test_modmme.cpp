@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "inputs/pedigree_support.h"
 #include "inputs/modpedigree.h"
 #include "mme/modmme.h"
 #include "mme/modparam.h"
@@ -25,17 +26,8 @@ namespace {
 using testing::contains;
 using testing::log_capture;
 
-using record = std::array<std::int32_t, 3>;  // level, sire, dam
-
-pedigree_type make_pedigree(std::int32_t nlevels, std::int32_t groups, const std::vector<record>& records) {
-    pedigree_type p;
-    p.allocate(nlevels, groups);
-    for (const auto& [id, s, d] : records) {
-        p.ped(1, id) = s;
-        p.ped(2, id) = d;
-    }
-    return p;
-}
+using record = testing::pedigree_record;
+using testing::make_pedigree;
 
 // The relationship matrix of all levels by the tabular method, a level
 // whose parents are unknown being a founder; levels taken in order of
