@@ -27,6 +27,22 @@ inline std::map<long, std::vector<double>> results(const scratch_dir& dir, const
     return out;
 }
 
+// The log with its wrapped lines joined: long messages are split at blanks.
+inline std::string flat(const std::string& log) {
+    std::string out;
+    bool blank = false;
+    for (char c : log) {
+        if (c == ' ' || c == '\n') {
+            blank = true;
+            continue;
+        }
+        if (blank && !out.empty()) out += ' ';
+        blank = false;
+        out += c;
+    }
+    return out;
+}
+
 // A small generated data set in dir, with extra generator options.
 inline void generate(const scratch_dir& dir, std::vector<std::string> args) {
     args.insert(args.begin(), {"--out", "."});

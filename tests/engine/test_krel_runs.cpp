@@ -17,6 +17,7 @@ namespace {
 using testing::contains;
 using testing::run_binary;
 using testing::run_program;
+using testing::flat;
 using testing::results;
 using testing::scratch_dir;
 
@@ -26,21 +27,6 @@ void generate(const scratch_dir& dir) {
 
 // Values of a result file by record: record -> values after the three integers.
 
-// The log with its wrapped lines joined: long messages are split at blanks.
-std::string flat(const std::string& log) {
-    std::string out;
-    bool blank = false;
-    for (char c : log) {
-        if (c == ' ' || c == '\n') {
-            blank = true;
-            continue;
-        }
-        if (blank && !out.empty()) out += ' ';
-        blank = false;
-        out += c;
-    }
-    return out;
-}
 
 const std::vector<std::string> model = {"--ped", "pedigree.txt", "--effect", "1", "--rvcv", "residual_vcv.txt",
                                         "--gvcv", "genetic_vcv.txt", "--pev", "pev.txt"};
