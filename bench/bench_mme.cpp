@@ -49,6 +49,7 @@
 #include <vector>
 
 #include "bench_main.h"
+#include "bench_support.h"
 #include "inputs/modpedigree.h"
 #include "mme/modmme.h"
 #include "mme/modmme_ainv.h"
@@ -71,33 +72,13 @@ struct stopwatch {
     double cpu_s() const { return thread_cpu() - cpu; }
 };
 
-void keep_min(double& best, double value) {
-    if (best == 0.0 || value < best) best = value;
-}
 
-long status_kib(const std::string& field) {
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    while (std::getline(in, line))
-        if (line.rfind(field + ":", 0) == 0) return std::stol(line.substr(field.size() + 1));
-    return 0;
-}
 
-// The peak of the resident set while a phase runs, over a baseline taken
-// before the first phase: what the phase holds together with what the
-// earlier phases left alive.
-long resident_kib() { return status_kib("VmRSS"); }
-
-class peak_memory {
-public:
-    explicit peak_memory(long baseline_kib) : baseline_(baseline_kib) {
-        std::ofstream("/proc/self/clear_refs") << "5";  // VmHWM back to VmRSS
-    }
-    double mib() const { return static_cast<double>(status_kib("VmHWM") - baseline_) / 1024.0; }
-
-private:
-    long baseline_;
-};
+// Peaks are taken over a baseline from before the first phase: what a
+// phase holds together with what the earlier phases left alive.
+using krel::bench::keep_min;
+using krel::bench::peak_memory;
+using krel::bench::resident_kib;
 
 // The model of the exact inverse of the left-hand side, and record weights
 // w x ERC for 60% of the animals.

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "bench_main.h"
+#include "bench_support.h"
 #include "inputs/modinbreeding.h"
 #include "inputs/modpedigree.h"
 
@@ -32,27 +33,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A field of /proc/self/status in KiB (VmRSS, VmHWM).
-long status_kib(const std::string& field) {
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    while (std::getline(in, line))
-        if (line.rfind(field + ":", 0) == 0) return std::stol(line.substr(field.size() + 1));
-    return 0;
-}
-
-// Peak growth of the resident set while a phase runs.
-class peak_memory {
-public:
-    peak_memory() {
-        std::ofstream("/proc/self/clear_refs") << "5";  // resets VmHWM to VmRSS
-        before_ = status_kib("VmRSS");
-    }
-    double mib() const { return static_cast<double>(status_kib("VmHWM") - before_) / 1024.0; }
-
-private:
-    long before_;
-};
+using krel::bench::peak_memory;
 
 void report(benchmark::State& state, const peak_memory& peak, std::int64_t levels) {
     state.counters["levels"] = static_cast<double>(levels);

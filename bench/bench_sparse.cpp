@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "bench_main.h"
+#include "bench_support.h"
 #include "sparse/modsparse.h"
 
 namespace {
@@ -89,20 +90,9 @@ struct stopwatch {
 };
 
 // The best of the iterations: the least disturbed by other work.
-void keep_min(double& best, double value) {
-    if (best == 0.0 || value < best) best = value;
-}
 
-// Peak resident memory in MB since the last reset_peak (VmHWM).
-double peak_mb() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmHWM:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
-    return 0.0;
-}
-
-void reset_peak() { std::ofstream("/proc/self/clear_refs") << "5"; }
+using krel::bench::keep_min;
+using krel::bench::reset_peak;
 
 // Mean number of probes that find each stored key in the final table: the
 // probes of its insertion into that table.
@@ -156,7 +146,7 @@ void pedigree_assembly(benchmark::State& state) {
             keep_min(sort_s, sort_wall);
             keep_min(sort_cpu, t.cpu_s());
             state.SetIterationTime(add_wall + convert_wall + sort_wall);
-            peak_krel = std::max(peak_krel, peak_mb());
+            peak_krel = std::max(peak_krel, krel::bench::peak_mib());
 
             nnz = crs.totalnumberofelements();
             nel = coo.getnel();
@@ -199,7 +189,7 @@ void pedigree_assembly(benchmark::State& state) {
         cholmod_sparse* a = cholmod_l_triplet_to_sparse(t, 0, &c);
         keep_min(cholmod_s, w.wall_s());
         keep_min(cholmod_cpu, w.cpu_s());
-        peak_cholmod = std::max(peak_cholmod, peak_mb());
+        peak_cholmod = std::max(peak_cholmod, krel::bench::peak_mib());
         if (a == nullptr) state.SkipWithError("CHOLMOD conversion failed");
         cholmod_l_free_sparse(&a, &c);
         cholmod_l_free_triplet(&t, &c);
