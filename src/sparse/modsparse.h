@@ -351,6 +351,21 @@ public:
                         std::int32_t endcol, std::optional<bool> lupper = std::nullopt,
                         std::ostream* unlog = nullptr) const;
 
+    // Selected inversion of the symmetric positive (semi)definite matrix,
+    // square and upper-stored: the values become those of its inverse on the
+    // same pattern (a generalised inverse when pivots are dropped). The
+    // matrix is sorted first and ordered by METIS unless perm is set; perm
+    // stays set. minsizenode: see super_nodes. The times of the phases go to
+    // the unit of the matrix.
+    void getspainv(std::optional<std::int32_t> minsizenode = std::nullopt);
+    // Unless the matrix is decomposed already: its Cholesky factor with all
+    // its fill-in, upper-stored in the order of perm (row i holds L(i, i)
+    // and L(j, i) in column j), sorted, decomposed and not symmetric.
+    void getchol(std::optional<std::int32_t> minsizenode = std::nullopt);
+    // The same factor restricted to the pattern of the matrix, renumbered in
+    // the order of perm: an incomplete factor, decomposed and not symmetric.
+    void getichol(std::optional<std::int32_t> minsizenode = std::nullopt);
+
 private:
     void check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
                     std::int64_t ncoly) const;
