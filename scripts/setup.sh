@@ -46,7 +46,7 @@ case "$what" in
     "$build/krel" krel \
       --ped "$data/pedigree.txt" --gen "$data/genotypes.bed" --freq compute \
       --h2 "$data/heritability.txt" --gvcv "$data/genetic_vcv.txt" --pev "$data/pev.txt" \
-      --effect 1 --only-geno --gwas "$data/snp_solutions.txt" 2
+      --effect 1 --gwas "$data/snp_solutions.txt" 2
     echo "Results and log_krel.dat are in $run"
     ;;
   test)

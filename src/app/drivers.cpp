@@ -192,21 +192,16 @@ void run_krel(const command_line& cli, const run_options& opts) {
     k.edc_adjust_factor = kopts.edc_adjust_factor;
     k.pev_adjust_factor = kopts.pev_adjust_factor;
     krel.init_krel(k);
-    const bool approximate = krel.getsizeped() > 1000000 || kopts.ungeno_tm;
-    if (!kopts.only_geno && !approximate) {
-        // The exact inverse of the left-hand side is not part of this build:
-        // say so before the work rather than after it.
-        global_logger().log_error(
-            "The exact road for animals without genotypes is not available in this version: use --ungeno_tm "
-            "or --only-geno",
-            "krel", procedure_at("run_krel"));
-        throw error_stop();
-    }
     krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false);
     run_pvalues(krel, opts);
     if (kopts.only_geno) return;
     krel.compute_krel_notgeno();
-    krel.approxinvlhs();
+    // The exact inverse costs a sparse factorisation of the whole pedigree
+    // for each trait: beyond a million animals the approximation takes over.
+    if (krel.getsizeped() > 1000000 || kopts.ungeno_tm)
+        krel.approxinvlhs();
+    else
+        krel.computeinvlhs();
     write_r2_g_g(krel);
 }
 

@@ -15,6 +15,9 @@
 #include "inputs/modparameters.h"
 #include "inputs/modplink.h"
 #include "inputs/modsolutions.h"
+#include "mme/modmme.h"
+#include "mme/modparam.h"
+#include "sparse/modsparse.h"
 #include "util/freeform.h"
 #include "util/modmatop.h"
 #include "util/modstats.h"
@@ -551,6 +554,70 @@ void krel_type::approxinvlhs() {
             rel_geno(i, t) = 1.0 - d[i] / std::fma(f, gv, gv);
         }
         global_logger().log_message("Wall clock time (s) for Tier and Meyer: " + realtochar(clock.elapsed(), "(f0.3)"));
+    }
+}
+
+void krel_type::computeinvlhs() {
+    const std::int32_t nped = ped.nlength();
+    const auto nanimals = static_cast<std::int32_t>(erc_ss.cols());
+    // Only the diagonal is inverted and read: the traits are taken one at a
+    // time as if their residuals were uncorrelated.
+    dmatrix rinv = rmat[1];
+    for (std::int32_t i = 1; i <= ntrait; ++i) {
+        std::int32_t rank = 0;
+        ginv1(&rinv(i, i), 1, rinv.rows(), 1e-08, rank);
+    }
+    param_type param;
+    param.ntrait = 1;
+    param.neffect = 2;
+    allocpar(param);
+    param.modelmat.assign(1);
+    param.covkind.assign(param.covkind.size(), 0);
+    param.nlevel[1] = 1;
+    param.nlevel[2] = nped;
+    param.typeeff[2] = 3;
+    param.effectopt[2] = 1;
+    std::vector<pedigree_type> peds(3);
+    peds[2] = ped;
+    check_and_finalize(param);
+    for (std::int32_t t = 1; t <= ntrait; ++t) {
+        const double g = gvar[effect](t, t);
+        param.ginv[2](1, 1) = g;
+        std::int32_t rank = 0;
+        ginv1(param.ginv[2], 1, 1e-08, rank);
+        coosparse c(param.neq, std::nullopt, param.neq, true);
+        c.setsymmetric(true);
+        addrandompart(param, {}, peds, nullptr, c);
+        const double w = rinv(t, t);
+        std::vector<double> x(static_cast<std::size_t>(nanimals) + 1, 0.0);
+        double sum = 0.0;
+        for (std::int32_t i = 1; i <= nanimals; ++i) {
+            x[i] = w * erc_ss(t, i);
+            sum += x[i];
+        }
+        c.add(1, 1, sum);
+        for (std::int32_t i = 1; i <= nanimals; ++i) {
+            if (!(x[i] > 2.220446049250313e-16)) continue;
+            c.add(i + 1, i + 1, x[i]);
+            c.add(1, i + 1, x[i]);
+            // Below the diagonal: the upper storage drops it.
+            c.add(i + 1, 1, x[i]);
+        }
+        crssparse lhs = convertfromcootocrs(c);
+        c = coosparse();
+        lhs.sort();
+        lhs.print_dim();
+        std::vector<std::int32_t> perm;
+        lhs.getordering(perm);
+        lhs.setpermutation32(perm);
+        lhs.getspainv();
+        // Equation i + 1 is animal i; diag_vect counts from 0.
+        const std::vector<double> d = lhs.diag_vect();
+        for (std::int32_t i = 1; i <= nped; ++i) {
+            if (static_cast<std::size_t>(i) < idmap.size() && idmap[i] != 0) continue;
+            const double f = use_inbreeding ? ped.inb[i] : 0.0;
+            rel_geno(i, t) = 1.0 - d[static_cast<std::size_t>(i)] / std::fma(f, g, g);
+        }
     }
 }
 

@@ -73,6 +73,9 @@ public:
     // Reliabilities of the animals without genotypes by the Tier and Meyer
     // approximation of the inverse left-hand side.
     void approxinvlhs();
+    // Reliabilities of the animals without genotypes from the diagonal of
+    // the exact inverse of a single-trait animal model, trait by trait.
+    void computeinvlhs();
     // Allele frequency of SNP j (1-based) as the model uses it.
     double snp_frequency(std::int32_t j) const;
 };

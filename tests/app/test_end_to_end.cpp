@@ -22,9 +22,7 @@ const std::vector<std::string> required = {"--gen", "genotypes.bed", "--freq", "
                                            "--effect", "1", "--h2", "heritability.txt", "--gvcv", "genetic_vcv.txt",
                                            "--pev", "pev.txt"};
 
-// A krel run of the genotyped animals only: the road this build completes.
 std::vector<std::string> args_with(std::vector<std::string> head) {
-    if (!head.empty() && head.front() == "krel") head.insert(head.begin() + 1, "--only-geno");
     head.insert(head.end(), required.begin(), required.end());
     return head;
 }

@@ -143,12 +143,14 @@ TEST(notgeno, ListFilesAndTheRoadTaken) {
     const auto outside = run_binary(dir, with_model({"krel", "--ungeno_tm", "--pheno", "list.txt"}));
     EXPECT_NE(outside.status, 0);
     EXPECT_TRUE(contains(outside.log, "9999"));
-    // The exact road of small pedigrees is not in this version: the run says
-    // so before any step.
-    const auto exact = run_binary(dir, with_model({"krel"}));
-    EXPECT_NE(exact.status, 0);
-    EXPECT_TRUE(contains(testing::flat(exact.log), "The exact road for animals without genotypes is not available"));
-    EXPECT_FALSE(contains(exact.log, "Step 2"));
+    // Without --ungeno_tm a pedigree of at most a million animals takes the
+    // exact road; the same list holds there.
+    dir.write("list.txt", "1\n2\n3\n");
+    const auto exact = run_binary(dir, with_model({"krel", "--pheno", "list.txt"}));
+    ASSERT_EQ(exact.status, 0) << exact.log;
+    EXPECT_TRUE(contains(exact.log, "Number of individuals listed: 3"));
+    EXPECT_TRUE(contains(exact.log, "Number of equations: 601"));
+    EXPECT_FALSE(contains(exact.log, "Tier and Meyer reliabilities"));
 
     const auto missing = run_binary(dir, with_model({"krel", "--ungeno_tm", "--pheno", "absent.txt"}));
     EXPECT_NE(missing.status, 0);
