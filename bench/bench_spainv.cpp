@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "bench_main.h"
+#include "bench_support.h"
 #include "inputs/modpedigree.h"
 #include "sparse/modsparse.h"
 #include "sparse/modsparse_inv.h"
@@ -50,21 +51,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-double status_mb(const char* key) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    const std::string k(key);
-    while (std::getline(status, line))
-        if (line.rfind(k, 0) == 0) return std::stod(line.substr(k.size())) / 1024.0;
-    return 0.0;
-}
-double rss_mb() { return status_mb("VmRSS:"); }
-double peak_mb() { return status_mb("VmHWM:"); }
+double rss_mb() { return static_cast<double>(krel::bench::resident_kib()) / 1024.0; }
+double peak_mb() { return krel::bench::peak_mib(); }
 // Freed memory that the allocator kept goes back to the system first, so that
 // the peak of a phase is what it holds itself.
 void reset_peak() {
     malloc_trim(0);
-    std::ofstream("/proc/self/clear_refs") << "5";
+    krel::bench::reset_peak();
 }
 
 // Swallows the progress output of the kernels.

@@ -581,6 +581,7 @@ void krel_type::computeinvlhs() {
     peds[2] = ped;
     check_and_finalize(param);
     for (std::int32_t t = 1; t <= ntrait; ++t) {
+        wtime clock;
         const double g = gvar[effect](t, t);
         param.ginv[2](1, 1) = g;
         std::int32_t rank = 0;
@@ -618,6 +619,8 @@ void krel_type::computeinvlhs() {
             const double f = use_inbreeding ? ped.inb[i] : 0.0;
             rel_geno(i, t) = 1.0 - d[static_cast<std::size_t>(i)] / std::fma(f, g, g);
         }
+        global_logger().log_message("Wall clock time (s) for the inverse of the LHS (trait " + inttochar(t) +
+                                    "): " + realtochar(clock.elapsed(), "(f0.3)"));
     }
 }
 
