@@ -66,8 +66,8 @@ public:
     // factor held before is released first.
     Int factorize(std::span<const Int> ia, std::span<const std::int32_t> ja,
                   std::span<const double> a, std::span<const Int> perm);
-    // x = inverse(A) y for nrhs columns of n elements each, column-major;
-    // x and y have n * nrhs elements.
+    // x = inverse(A) y with the factor, for nrhs columns of n elements each,
+    // column-major, n the order of the matrix factored.
     Int solve(std::int64_t nrhs, const double* y, double* x);
     // Releases the factor and the solve workspace; the record keeps its
     // solver memory.
