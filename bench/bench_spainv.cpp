@@ -1,8 +1,5 @@
 // Selected inversion of the coefficient matrix of a single-trait animal
-// model, the matrix whose inverse diagonal gives exact reliabilities: the
-// inverse relationship matrix with inbreeding (Henderson's rules), a record
-// weight on most animals and a general mean as equation 1. The pedigree comes
-// from krel-simulate (generated once into build/bench-data/spainv-<n>).
+// model (bench_animal_model.h).
 //
 // For each size the six phases of the pipeline run one after the other, each
 // with its wall-clock seconds and the peak resident memory it reached above
@@ -30,18 +27,14 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <random>
-#include <streambuf>
 #include <string>
 #include <vector>
 
+#include "bench_animal_model.h"
 #include "bench_main.h"
 #include "bench_support.h"
-#include "inputs/modpedigree.h"
 #include "sparse/modsparse.h"
 #include "sparse/modsparse_inv.h"
 #include "sparse/modspainv.h"
@@ -49,7 +42,8 @@
 
 namespace {
 
-namespace fs = std::filesystem;
+using krel::bench::animal_model;
+using krel::bench::quiet_cout;
 
 double rss_mb() { return static_cast<double>(krel::bench::resident_kib()) / 1024.0; }
 double peak_mb() { return krel::bench::peak_mib(); }
@@ -58,84 +52,6 @@ double peak_mb() { return krel::bench::peak_mib(); }
 void reset_peak() {
     malloc_trim(0);
     krel::bench::reset_peak();
-}
-
-// Swallows the progress output of the kernels.
-class null_buffer : public std::streambuf {
-protected:
-    int overflow(int c) override { return c; }
-    std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-};
-
-class quiet_cout {
-public:
-    quiet_cout() : old_(std::cout.rdbuf(&sink_)) {}
-    ~quiet_cout() { std::cout.rdbuf(old_); }
-
-private:
-    null_buffer sink_;
-    std::streambuf* old_;
-};
-
-// The pedigree of n animals, generated on first use next to the build.
-fs::path pedigree_file(std::int32_t n) {
-    const fs::path build = fs::canonical("/proc/self/exe").parent_path().parent_path();
-    const fs::path dir = build / "bench-data" / ("spainv-" + std::to_string(n));
-    const fs::path file = dir / "pedigree.txt";
-    if (!fs::exists(file)) {
-        const fs::path simulate = build / "tools" / "krel-simulate";
-        const std::string command = simulate.string() + " --out " + dir.string() + " --animals " +
-                                    std::to_string(n) + " --genotyped 0 --snps 1 > /dev/null";
-        if (std::system(command.c_str()) != 0 || !fs::exists(file))
-            throw std::runtime_error("cannot generate " + file.string());
-    }
-    return file;
-}
-
-// Equation 1 is the mean, equation i + 1 animal i; A-inverse with
-// inbreeding times 1/g, a record weight on four animals in five.
-krel::crssparse animal_model(std::int32_t n_animals) {
-    krel::pedigree_type ped;
-    {
-        quiet_cout quiet;
-        ped.readpedigree_nomax(pedigree_file(n_animals).string());
-        ped.pedfile.reset();  // no .inb cache next to the data
-        ped.computeinbreeding_ped();
-    }
-    const std::int32_t n = ped.nlength();
-    const std::int32_t neq = n + 1;
-    const double ginv = 1.0 / 0.3;
-    krel::coosparse coo(neq, std::nullopt, neq, true);
-    coo.setsymmetric(true);
-    for (std::int32_t i = 1; i <= n; ++i) {
-        const std::int32_t p[2] = {ped.sire(i), ped.dam(i)};
-        double d = 1.0;
-        for (std::int32_t q : p)
-            if (q != 0) d -= 0.25 * (1.0 + ped.inb[static_cast<std::size_t>(q)]);
-        const double alpha = ginv / d;
-        coo.add(i + 1, i + 1, alpha);
-        for (int u = 0; u < 2; ++u) {
-            if (p[u] == 0) continue;
-            coo.add(std::min(i, p[u]) + 1, std::max(i, p[u]) + 1, -0.5 * alpha);
-            for (int v = 0; v < 2; ++v)
-                if (p[v] != 0 && p[u] <= p[v]) coo.add(p[u] + 1, p[v] + 1, 0.25 * alpha);
-        }
-    }
-    std::mt19937_64 gen(7);
-    std::uniform_real_distribution<double> erc(0.2, 3.0);
-    std::bernoulli_distribution recorded(0.8);
-    double sum = 0.0;
-    for (std::int32_t i = 1; i <= n; ++i) {
-        if (!recorded(gen)) continue;
-        const double x = erc(gen);
-        sum += x;
-        coo.add(i + 1, i + 1, x);
-        coo.add(1, i + 1, x);
-    }
-    coo.add(1, 1, sum);
-    krel::crssparse crs = krel::convertfromcootocrs(coo);
-    crs.sort();
-    return crs;
 }
 
 // CHOLMOD's supernodal factorisation of the matrix in the order perm.

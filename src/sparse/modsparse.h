@@ -31,6 +31,7 @@
 #include "sparse/modmetis.h"
 #include "sparse/modsparse_hash.h"
 #include "sparse/modsparse_memory.h"
+#include "sparse/modvariablepardiso.h"
 #include "util/dense_matrix.h"
 
 namespace krel {
@@ -69,6 +70,13 @@ metisgraph convertfromcrstometisgraph(const crssparse& crs);
 // double.
 inline constexpr double sparse_tol = 2.220446049250313e-16;
 
+// Where a conjugate-gradient solve stopped: the iterations run and the
+// relative residual norm(y - A x) / norm(y) of the last one.
+struct cg_result {
+    std::int32_t iterations = 0;
+    double residual = 0.0;
+};
+
 class gen_sparse {
 public:
     virtual ~gen_sparse() = default;
@@ -93,6 +101,17 @@ public:
     // The whole matrix as a dense square of numbers.
     virtual void printsquare(std::ostream* output = nullptr) const = 0;
     virtual void scale(double alpha) = 0;
+
+    // Solves A x = y by conjugate gradients preconditioned with the diagonal
+    // of A (a diagonal element that is not positive is taken as 1), with the
+    // product of the class; A must be symmetric positive definite as that
+    // product reads it, so an upper-stored matrix must be marked symmetric.
+    // x holds the starting value on entry. Stops when the relative residual
+    // is at most tol or after maxiter iterations (default: the order of the
+    // matrix). Sizes that do not fit the matrix, or a matrix that is not
+    // square, stop the run.
+    cg_result cg(std::span<double> x, std::span<const double> y, double tol = 1e-10,
+                 std::optional<std::int32_t> maxiter = std::nullopt) const;
 
     // dim1 for k = 1, dim2 for k = 2, -1 otherwise.
     std::int32_t getdim(int k) const;
@@ -282,8 +301,34 @@ public:
     // Sorts the columns of every row, with their values.
     void sort();
 
+    // x = inverse(A) y for the symmetric (possibly indefinite) matrix given
+    // by the upper triangle, by a direct solver: the first solve sorts the
+    // matrix and factors it, in the order of perm when it is set (perm64
+    // first for crssparse64), and writes what it did on the unit of the
+    // matrix; later solves use that factor, without a word, until
+    // reset_pardiso_memory. Values changed in between are not noticed. The
+    // array form solves the columns of y, n x ncol. A matrix that is not
+    // square gets a warning and x is left as it is; sizes that do not fit
+    // stop the run before any factorisation, as does a failure of the
+    // solver (through checkpardiso). msglvl: kept in the solver's record
+    // for its first solve.
+    void solve(std::span<double> x, std::span<const double> y,
+               std::optional<std::int32_t> msglvl = std::nullopt);
+    void solve(dmatrix& x, const dmatrix& y, std::optional<std::int32_t> msglvl = std::nullopt);
+    // Frees the factor of solve; the next solve factors again. A matrix that
+    // never solved is left as it is.
+    void reset_pardiso_memory();
+    // The solver's record, read-only.
+    const pardiso_record<IA>& getpardiso() const { return pardiso; }
+
 protected:
     crs_base() = default;
+    // A copy holds the same matrix without the factor of solve: it factors
+    // again at its own first solve.
+    crs_base(const crs_base& other);
+    crs_base& operator=(const crs_base& other);
+    crs_base(crs_base&&) noexcept = default;
+    crs_base& operator=(crs_base&&) noexcept = default;
     void construct(std::string_view name, std::int32_t m, IA nel, std::optional<std::int32_t> n,
                    std::optional<bool> lupper, std::ostream* unlog);
     void save_impl(const std::string& file, std::int32_t mark) const;
@@ -292,12 +337,21 @@ protected:
     void print_dim_details(std::ostream& unit) const override;
     template <bool Accumulate>
     void update(std::int32_t row, std::int32_t col, double val, std::int32_t* status);
+    // The checks that solve and solveldlt make before anything else: false,
+    // after the warning, for a matrix that is not square; a stop for sizes
+    // that do not fit it.
+    bool solve_arguments(std::int64_t xrows, std::int64_t yrows, std::int64_t xcols,
+                         std::int64_t ycols) const;
+    // The factorisation of the first solve and the solve of nrhs columns.
+    void solve_columns(std::int64_t nrhs, const double* y, double* x,
+                       std::optional<std::int32_t> msglvl);
 
     zeroed_array<IA> ia;
     zeroed_array<std::int32_t> ja;
     zeroed_array<double> a;
     bool lpardisofirst = true;
     bool ldecomposed = false;
+    pardiso_record<IA> pardiso;
 
     KREL_SPARSE_CONVERSIONS_ARE_FRIENDS
 };
@@ -365,11 +419,42 @@ public:
     // The same factor restricted to the pattern of the matrix, renumbered in
     // the order of perm: an incomplete factor, decomposed and not symmetric.
     void getichol(std::optional<std::int32_t> minsizenode = std::nullopt);
+    // The factor of getchol in the form U' D U with U unit upper: row i
+    // holds D(i) in place of the diagonal and U(i, j) = L(j, i) / L(i, i)
+    // (0 when L(i, i) is not positive, as for a dropped column). A matrix
+    // in that form already is left as it is.
+    void getldlt();
+    // Solves with the factor U of getchol, in the order of the factor:
+    // U' z = y, then U x = z. x and y may be the same array. A pivot of 0
+    // (a dropped column) gives 0 in x. Stops unless the matrix is decomposed.
+    void isolve(std::span<double> x, std::span<const double> y) const;
+    // The same with the factor of getldlt: U' z = y with unit U, z / D,
+    // then U x = z with unit U; a D of 0 gives 0.
+    void solveldlt_s(std::span<double> x, std::span<const double> y) const;
+    // x = inverse(A) y by the factor of getldlt, made at the first call
+    // with the messages of the first solve (without the number of values in
+    // the factor); later calls reuse it. The matrix holds the factor from
+    // then on, as after getchol. A matrix that is not square and sizes that
+    // do not fit are handled as by solve. msglvl is accepted as by solve; the
+    // factorisation here writes its phase times on the unit either way.
+    void solveldlt(std::span<double> x, std::span<const double> y,
+                   std::optional<std::int32_t> msglvl = std::nullopt);
+    void solveldlt(dmatrix& x, const dmatrix& y,
+                   std::optional<std::int32_t> msglvl = std::nullopt);
 
 private:
     void check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
                     std::int64_t ncoly) const;
     char kind() const;
+    // The factorisation of the first solveldlt, with its messages, and the
+    // solve of nrhs columns in the order of the matrix.
+    void solveldlt_columns(std::int64_t nrhs, const double* y, double* x);
+    // Triangular solves on the stored factor; see isolve and solveldlt_s.
+    void factor_solve(std::span<double> x, std::span<const double> y, bool ldlt) const;
+
+    // The values hold the factor of getldlt rather than that of getchol or
+    // getichol.
+    bool lldlt = false;
 };
 
 class crssparse64 : public crs_base<std::int64_t> {

@@ -99,11 +99,36 @@ void crs_base<IA>::construct(std::string_view name, std::int32_t m, IA nel,
 }
 
 template <class IA>
+crs_base<IA>::crs_base(const crs_base& other)
+    : gen_sparse(other),
+      ia(other.ia),
+      ja(other.ja),
+      a(other.a),
+      lpardisofirst(true),
+      ldecomposed(other.ldecomposed) {}
+
+template <class IA>
+crs_base<IA>& crs_base<IA>::operator=(const crs_base& other) {
+    if (this == &other) return *this;
+    gen_sparse::operator=(other);
+    ia = other.ia;
+    ja = other.ja;
+    a = other.a;
+    lpardisofirst = true;
+    ldecomposed = other.ldecomposed;
+    pardiso = pardiso_record<IA>();
+    return *this;
+}
+
+template <class IA>
 void crs_base<IA>::destroy() {
     ia = {};
     ja = {};
     a = {};
     destroy_gen();
+    // The factor of solve goes with the values it was made of.
+    pardiso = pardiso_record<IA>();
+    lpardisofirst = true;
 }
 
 template <class IA>
@@ -306,6 +331,7 @@ crssparse::crssparse(std::int32_t m, std::int32_t nel, std::optional<std::int32_
 void crssparse::constructor_sub(std::int32_t m, std::int32_t nel, std::optional<std::int32_t> n,
                                 std::optional<bool> lupper, std::ostream* unlog_) {
     construct("CRS", m, nel, n, lupper, unlog_);
+    lldlt = false;
 }
 
 crssparse crssparse::load(const std::string& file, std::ostream* unlog_) {

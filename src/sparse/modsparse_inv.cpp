@@ -520,6 +520,7 @@ void crssparse::getchol(std::optional<std::int32_t> minsizenode) {
     times[5] = omp_get_wtime() - t;
     setsymmetric(false);
     setdecomposed(true);
+    lldlt = false;
     setsorted(false);
     sort();
     writetime(out(), times, "CHOL FACT.");
@@ -542,6 +543,7 @@ void crssparse::getichol(std::optional<std::int32_t> minsizenode) {
     times[5] = omp_get_wtime() - t;
     setsymmetric(false);
     setdecomposed(true);
+    lldlt = false;
     setsorted(true);
     writetime(out(), times, "SPARSE CHOL FACT.");
 }
