@@ -235,6 +235,10 @@ void crssparse::solveldlt_columns(std::int64_t nrhs, const double* y, double* x)
 cg_result gen_sparse::cg(std::span<double> x, std::span<const double> y, double tol,
                          std::optional<std::int32_t> maxiter) const {
     if (!issquare() || std::ssize(x) != dim2 || std::ssize(y) != dim1) stop(not_conform);
+    // Its product only warns and copies x: iterating on that would return
+    // numbers that look like a solution.
+    if (dynamic_cast<const crssparse64*>(this) != nullptr)
+        stop(" ERROR: cg needs a matrix product, which crssparse64 does not have");
     const std::size_t n = x.size();
     auto dot = [n](const double* u, const double* v) {
         double s = 0.0;

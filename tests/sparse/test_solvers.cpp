@@ -493,6 +493,9 @@ TEST(Cg, ArgumentsThatDoNotFitStop) {
     std::vector<double> x9(9);
     EXPECT_EQ(stop_message(unit, [&] { rect.cg(x9, y); }),
               " ERROR: one of multiple arguments are not conform\n");
+    crssparse64 wide = crs_of<crssparse64>(random_symmetric(10, 0.3, 23, true), unit);
+    EXPECT_EQ(stop_message(unit, [&] { wide.cg(x, y); }),
+              " ERROR: cg needs a matrix product, which crssparse64 does not have\n");
 }
 
 }  // namespace
