@@ -532,6 +532,15 @@ void krel_type::compute_krel_notgeno() {
     }
 }
 
+void krel_type::set_notgeno_reliabilities(std::int32_t t, const std::vector<double>& d) {
+    const double g = gvar[effect](t, t);
+    for (std::int32_t i = 1; i <= ped.nlength(); ++i) {
+        if (static_cast<std::size_t>(i) < idmap.size() && idmap[i] != 0) continue;
+        const double f = use_inbreeding ? ped.inb[i] : 0.0;
+        rel_geno(i, t) = 1.0 - d[static_cast<std::size_t>(i)] / std::fma(f, g, g);
+    }
+}
+
 void krel_type::approxinvlhs() {
     const std::int32_t n = ped.nlength();
     std::vector<double> w(static_cast<std::size_t>(n) + 1), d;
@@ -547,12 +556,7 @@ void krel_type::approxinvlhs() {
         for (std::int32_t i = 1; i <= n; ++i) w[i] = erc_ss(t, i);
         tiermeyer(ped, order, use_inbreeding ? std::span<const double>(ped.inb) : std::span<const double>(no_inbreeding),
                   g, r, w, d);
-        const double gv = gvar[effect](t, t);
-        for (std::int32_t i = 1; i <= n; ++i) {
-            if (static_cast<std::size_t>(i) < idmap.size() && idmap[i] != 0) continue;
-            const double f = use_inbreeding ? ped.inb[i] : 0.0;
-            rel_geno(i, t) = 1.0 - d[i] / std::fma(f, gv, gv);
-        }
+        set_notgeno_reliabilities(t, d);
         global_logger().log_message("Wall clock time (s) for Tier and Meyer: " + realtochar(clock.elapsed(), "(f0.3)"));
     }
 }
@@ -612,13 +616,9 @@ void krel_type::computeinvlhs() {
         lhs.getordering(perm);
         lhs.setpermutation32(perm);
         lhs.getspainv();
-        // Equation i + 1 is animal i; diag_vect counts from 0.
-        const std::vector<double> d = lhs.diag_vect();
-        for (std::int32_t i = 1; i <= nped; ++i) {
-            if (static_cast<std::size_t>(i) < idmap.size() && idmap[i] != 0) continue;
-            const double f = use_inbreeding ? ped.inb[i] : 0.0;
-            rel_geno(i, t) = 1.0 - d[static_cast<std::size_t>(i)] / std::fma(f, g, g);
-        }
+        // Equation i + 1 is animal i, and diag_vect counts from 0: d[i] is
+        // the PEV of animal i.
+        set_notgeno_reliabilities(t, lhs.diag_vect());
         global_logger().log_message("Wall clock time (s) for the inverse of the LHS (trait " + inttochar(t) +
                                     "): " + realtochar(clock.elapsed(), "(f0.3)"));
     }

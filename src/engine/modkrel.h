@@ -78,6 +78,11 @@ public:
     void computeinvlhs();
     // Allele frequency of SNP j (1-based) as the model uses it.
     double snp_frequency(std::int32_t j) const;
+
+private:
+    // Reliabilities of trait t for the levels without genotypes from their
+    // PEV d[level]: 1 - PEV / (g (1 + F)). Genotyped levels keep theirs.
+    void set_notgeno_reliabilities(std::int32_t t, const std::vector<double>& d);
 };
 
 // Both final reliability files.
