@@ -494,6 +494,21 @@ void ensure_ordering(crssparse& crs) {
     crs.setpermutation32(order);
 }
 
+// The supernodal Cholesky factor of the matrix, sorted first, in the order
+// of its perm (METIS's unless it has one).
+spainv_factor cholesky_factor(crssparse& crs, std::optional<std::int32_t> minsizenode,
+                              spainv_times& times) {
+    crs.sort();
+    ensure_ordering(crs);
+    std::vector<std::int32_t> perm;
+    crs.getpermutation32(perm);
+    metisgraph graph = convertfromcrstometisgraph(crs);
+    spainv_factor factor;
+    get_ichol_spainv_crs(crs.getdim(1), crs.rowptr(), crs.colval(), crs.nzval(), graph.xadj,
+                         graph.adjncy, perm, false, factor, minsizenode.value_or(0), times);
+    return factor;
+}
+
 }  // namespace
 
 void crssparse::getspainv(std::optional<std::int32_t> minsizenode) {
@@ -505,15 +520,8 @@ void crssparse::getspainv(std::optional<std::int32_t> minsizenode) {
 
 void crssparse::getchol(std::optional<std::int32_t> minsizenode) {
     if (ldecomposed) return;
-    sort();
-    ensure_ordering(*this);
     spainv_times times{};
-    spainv_factor factor;
-    {
-        metisgraph graph = convertfromcrstometisgraph(*this);
-        get_ichol_spainv_crs(dim1, ia, ja, a, graph.xadj, graph.adjncy, *perm, false, factor,
-                             minsizenode.value_or(0), times);
-    }
+    const spainv_factor factor = cholesky_factor(*this, minsizenode, times);
     const double t = omp_get_wtime();
     convertfactortoija(dim1, factor.xlnz, factor.xspars, factor.xnzsub, factor.nzsub, factor.diag,
                        ia, ja, a);
@@ -528,15 +536,8 @@ void crssparse::getchol(std::optional<std::int32_t> minsizenode) {
 
 void crssparse::getichol(std::optional<std::int32_t> minsizenode) {
     if (ldecomposed) return;
-    sort();
-    ensure_ordering(*this);
     spainv_times times{};
-    spainv_factor factor;
-    {
-        metisgraph graph = convertfromcrstometisgraph(*this);
-        get_ichol_spainv_crs(dim1, ia, ja, a, graph.xadj, graph.adjncy, *perm, false, factor,
-                             minsizenode.value_or(0), times);
-    }
+    const spainv_factor factor = cholesky_factor(*this, minsizenode, times);
     const double t = omp_get_wtime();
     converttoija_noperm(dim1, factor.xlnz, factor.xspars, factor.xnzsub, factor.nzsub,
                         factor.diag, ia, ja, a, *perm);
