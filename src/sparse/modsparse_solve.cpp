@@ -2,8 +2,6 @@
 // crssparse64 with the solver of their record, the solves with the factor
 // that crssparse stores in its own arrays, and the conjugate gradient of
 // every class.
-#include <omp.h>
-
 #include <algorithm>
 #include <cmath>
 #include <iostream>
@@ -13,6 +11,7 @@
 
 #include "sparse/modsparse.h"
 #include "util/modbasic.h"
+#include "util/modstats.h"
 
 namespace krel {
 
@@ -28,8 +27,6 @@ void check(const pardiso_variable& record, std::int32_t error, std::ostream& uni
 void check(const pardiso_variable_64& record, std::int64_t error, std::ostream& unit) {
     checkpardiso_64(record.phase, error, &unit);
 }
-
-std::string seconds_since(double start) { return realtochar(omp_get_wtime() - start, "(f0.3)"); }
 
 }  // namespace
 
@@ -68,7 +65,7 @@ void crs_base<IA>::solve_columns(std::int64_t nrhs, const double* y, double* x,
                                  std::optional<std::int32_t> msglvl) {
     std::ostream& unit = out();
     if (lpardisofirst) {
-        const double start = omp_get_wtime();
+        const wtime clock;
         sort();
         pardiso = pardiso_record<IA>(1, 1, pardiso_record<IA>::real_symmetric_indefinite, 0,
                                      msglvl.value_or(1));
@@ -95,7 +92,7 @@ void crs_base<IA>::solve_columns(std::int64_t nrhs, const double* y, double* x,
                                 {a.data(), a.size()}, order),
               unit);
         unit << " Number of nonzeros in factors  = " << pardiso.factor_nonzeros() << '\n'
-             << " Elapsed time (s)               = " << seconds_since(start) << '\n';
+             << " Elapsed time (s)               = " << realtochar(clock.elapsed(), "(f0.3)") << '\n';
         unit.flush();
         lpardisofirst = false;
     }
@@ -204,11 +201,11 @@ void crssparse::solveldlt(dmatrix& x, const dmatrix& y, std::optional<std::int32
 
 void crssparse::solveldlt_columns(std::int64_t nrhs, const double* y, double* x) {
     if (!(ldecomposed && lldlt)) {
-        const double start = omp_get_wtime();
+        const wtime clock;
         out() << " Start ordering and factorization\n";
         out().flush();
         getldlt();
-        out() << " Elapsed time (s)               = " << seconds_since(start) << '\n';
+        out() << " Elapsed time (s)               = " << realtochar(clock.elapsed(), "(f0.3)") << '\n';
         out().flush();
     }
     // The factor is that of P A P': (P y)(i) = y(perm(i)), and x(perm(i)) is
