@@ -303,16 +303,19 @@ void checkpardiso_64(std::int64_t phase, std::int64_t error, std::ostream* unit)
     check(phase, error, unit);
 }
 
-void reset_pardiso_variable(pardiso_variable& record) {
+namespace {
+
+template <class Int>
+void reset_record(pardiso_record<Int>& record) {
     record.iparm.clear();
     record.iparm.shrink_to_fit();
     record.pt.reset();
 }
 
-void reset_pardiso_variable(pardiso_variable_64& record) {
-    record.iparm.clear();
-    record.iparm.shrink_to_fit();
-    record.pt.reset();
-}
+}  // namespace
+
+void reset_pardiso_variable(pardiso_variable& record) { reset_record(record); }
+
+void reset_pardiso_variable(pardiso_variable_64& record) { reset_record(record); }
 
 }  // namespace krel
