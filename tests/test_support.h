@@ -1,6 +1,7 @@
 #pragma once
 // What several test suites need: a scratch directory that disappears with
-// the test, file reading, and the global logger routed into a string.
+// the test, file reading, command lines, and the global logger routed into
+// a string.
 #include <stdlib.h>
 
 #include <filesystem>
@@ -8,6 +9,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "util/logger.h"
 
@@ -61,6 +63,12 @@ public:
 private:
     std::ostringstream out_;
 };
+
+// The words of a command line: head, then tail.
+inline std::vector<std::string> followed_by(std::vector<std::string> head, const std::vector<std::string>& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
 
 inline bool contains(const std::string& text, const std::string& piece) {
     return text.find(piece) != std::string::npos;

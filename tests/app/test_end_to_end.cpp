@@ -23,8 +23,7 @@ const std::vector<std::string> required = {"--gen", "genotypes.bed", "--freq", "
                                            "--pev", "pev.txt"};
 
 std::vector<std::string> args_with(std::vector<std::string> head) {
-    head.insert(head.end(), required.begin(), required.end());
-    return head;
+    return testing::followed_by(std::move(head), required);
 }
 
 TEST(EndToEnd, KrelRunReachesItsCleanEnd) {

@@ -164,8 +164,7 @@ const std::vector<std::string> herd_model = {"--ped",  "pedigree.txt",  "--effec
                                              "--pev",  "pev.txt"};
 
 std::vector<std::string> herd_args(std::vector<std::string> head) {
-    head.insert(head.end(), herd_model.begin(), herd_model.end());
-    return head;
+    return testing::followed_by(std::move(head), herd_model);
 }
 
 TEST(krel_default, ExampleRunTakesTheExactRoadForAnimalsWithoutGenotypes) {

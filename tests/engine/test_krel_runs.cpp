@@ -32,8 +32,7 @@ const std::vector<std::string> model = {"--ped", "pedigree.txt", "--effect", "1"
                                         "--gvcv", "genetic_vcv.txt", "--pev", "pev.txt"};
 
 std::vector<std::string> with_model(std::vector<std::string> head) {
-    head.insert(head.end(), model.begin(), model.end());
-    return head;
+    return testing::followed_by(std::move(head), model);
 }
 
 TEST(krel_runs, PackedAndCentredTextGenotypesGiveTheSameReliabilities) {
