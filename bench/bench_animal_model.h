@@ -4,6 +4,8 @@
 // matrix with inbreeding (Henderson's rules), a record weight on most animals
 // and a general mean as equation 1. The pedigree comes from krel-simulate,
 // generated once into build/bench-data/pedigree-<n>.
+#include <suitesparse/cholmod.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -100,6 +102,25 @@ inline crssparse animal_model(std::int32_t n_animals) {
     crssparse crs = convertfromcootocrs(coo);
     crs.sort();
     return crs;
+}
+
+// The upper-stored symmetric matrix copied into a CHOLMOD matrix allocated
+// by the caller with room for its elements (Int: int for the cholmod_*
+// routines, SuiteSparse_long for cholmod_l_*). Rows of the upper triangle are
+// the columns of the lower one, so it goes as a lower-stored matrix.
+template <class Int>
+void copy_to_cholmod(const krel::crssparse& crs, cholmod_sparse& out) {
+    const auto ia = crs.rowptr();
+    const auto ja = crs.colval();
+    const auto a = crs.nzval();
+    auto* p = static_cast<Int*>(out.p);
+    auto* i = static_cast<Int*>(out.i);
+    auto* x = static_cast<double*>(out.x);
+    for (std::size_t r = 0; r < ia.size(); ++r) p[r] = ia[r] - 1;
+    for (std::size_t k = 0; k < static_cast<std::size_t>(crs.totalnumberofelements()); ++k) {
+        i[k] = ja[k] - 1;
+        x[k] = a[k];
+    }
 }
 
 }  // namespace krel::bench

@@ -46,21 +46,10 @@ public:
     direct_cholmod(const krel::crssparse& crs, std::span<const std::int32_t> perm) {
         cholmod_start(&c_);
         c_.print = 0;
-        const auto ia = crs.rowptr();
-        const auto ja = crs.colval();
-        const auto a = crs.nzval();
         n_ = static_cast<std::size_t>(crs.getdim(1));
         const std::size_t nnz = static_cast<std::size_t>(crs.totalnumberofelements());
-        // Rows of the upper triangle are the columns of the lower one.
         A_ = cholmod_allocate_sparse(n_, n_, nnz, 1, 1, -1, CHOLMOD_REAL, &c_);
-        auto* Ap = static_cast<int*>(A_->p);
-        auto* Ai = static_cast<int*>(A_->i);
-        auto* Ax = static_cast<double*>(A_->x);
-        for (std::size_t r = 0; r <= n_; ++r) Ap[r] = ia[r] - 1;
-        for (std::size_t k = 0; k < nnz; ++k) {
-            Ai[k] = ja[k] - 1;
-            Ax[k] = a[k];
-        }
+        krel::bench::copy_to_cholmod<int>(crs, *A_);
         for (std::int32_t p : perm) perm_.push_back(p - 1);
     }
     ~direct_cholmod() {

@@ -21,7 +21,7 @@
 // size alone.
 #include <benchmark/benchmark.h>
 #include <cblas.h>
-#include <cholmod.h>
+#include <suitesparse/cholmod.h>
 #include <malloc.h>
 #include <omp.h>
 
@@ -69,9 +69,6 @@ cholmod_result cholmod_factorize(const krel::crssparse& crs, std::span<const std
     const int omp_max = omp_get_max_threads();
     const int blas_max = openblas_get_num_threads();
     openblas_set_num_threads(threads);
-    const auto ia = crs.rowptr();
-    const auto ja = crs.colval();
-    const auto a = crs.nzval();
     const std::size_t n = static_cast<std::size_t>(crs.getdim(1));
     const std::size_t nnz = static_cast<std::size_t>(crs.totalnumberofelements());
     cholmod_common c;
@@ -82,16 +79,8 @@ cholmod_result cholmod_factorize(const krel::crssparse& crs, std::span<const std
     // the same fill, but in larger supernodes.
     c.postorder = postorder ? 1 : 0;
     c.supernodal = CHOLMOD_SUPERNODAL;
-    // Rows of the upper triangle are the columns of the lower one.
     cholmod_sparse* A = cholmod_l_allocate_sparse(n, n, nnz, 1, 1, -1, CHOLMOD_REAL, &c);
-    auto* Ap = static_cast<SuiteSparse_long*>(A->p);
-    auto* Ai = static_cast<SuiteSparse_long*>(A->i);
-    auto* Ax = static_cast<double*>(A->x);
-    for (std::size_t r = 0; r <= n; ++r) Ap[r] = ia[r] - 1;
-    for (std::size_t k = 0; k < nnz; ++k) {
-        Ai[k] = ja[k] - 1;
-        Ax[k] = a[k];
-    }
+    krel::bench::copy_to_cholmod<SuiteSparse_long>(crs, *A);
     std::vector<SuiteSparse_long> given(perm.begin(), perm.end());
     for (SuiteSparse_long& p : given) --p;
     reset_peak();
