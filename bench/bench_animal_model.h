@@ -17,8 +17,8 @@
 #include <streambuf>
 #include <string>
 
-#include "inputs/modpedigree.h"
-#include "sparse/modsparse.h"
+#include "inputs/pedigree.h"
+#include "sparse/sparse_matrix.h"
 
 namespace krel::bench {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bench_main.h"
-#include "util/blascore.h"
+#include "util/blas_core.h"
 
 namespace {
 

@@ -24,10 +24,10 @@
 #include <vector>
 
 #include "bench_main.h"
-#include "engine/modplink.h"
-#include "inputs/modplink.h"
-#include "inputs/modstructure.h"
-#include "util/blascore.h"
+#include "engine/packed_genotype_products.h"
+#include "inputs/genotypes.h"
+#include "inputs/plink_reader.h"
+#include "util/blas_core.h"
 #include "util/logger.h"
 
 namespace {

@@ -5,9 +5,9 @@
 #include <random>
 
 #include "bench_main.h"
-#include "util/blascore.h"
+#include "util/blas_core.h"
+#include "util/dense_linear_algebra.h"
 #include "util/dense_matrix.h"
-#include "util/modmatop.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // Google Benchmark.
 #include <benchmark/benchmark.h>
 
-#include "util/blascore.h"
+#include "util/blas_core.h"
 
 namespace krel::bench {
 

@@ -50,11 +50,11 @@
 
 #include "bench_main.h"
 #include "bench_support.h"
-#include "inputs/modpedigree.h"
-#include "mme/modmme.h"
-#include "mme/modmme_ainv.h"
-#include "mme/modparam.h"
-#include "sparse/modsparse.h"
+#include "inputs/pedigree.h"
+#include "mme/henderson_rules.h"
+#include "mme/model_description.h"
+#include "mme/random_contributions.h"
+#include "sparse/sparse_matrix.h"
 
 namespace {
 

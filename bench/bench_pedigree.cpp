@@ -26,8 +26,8 @@
 
 #include "bench_main.h"
 #include "bench_support.h"
-#include "inputs/modinbreeding.h"
-#include "inputs/modpedigree.h"
+#include "inputs/inbreeding.h"
+#include "inputs/pedigree.h"
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "bench_main.h"
-#include "engine/modpevpec.h"
-#include "inputs/modpedigree.h"
-#include "inputs/modsolutions.h"
+#include "engine/erc_reversal.h"
+#include "inputs/pedigree.h"
+#include "inputs/solution_files.h"
 #include "util/logger.h"
 
 namespace {

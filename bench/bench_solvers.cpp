@@ -34,8 +34,8 @@
 #include "bench_animal_model.h"
 #include "bench_main.h"
 #include "bench_support.h"
-#include "sparse/modsparse.h"
-#include "util/blascore.h"
+#include "sparse/sparse_matrix.h"
+#include "util/blas_core.h"
 
 namespace {
 

@@ -35,10 +35,10 @@
 #include "bench_animal_model.h"
 #include "bench_main.h"
 #include "bench_support.h"
-#include "sparse/modsparse.h"
-#include "sparse/modsparse_inv.h"
-#include "sparse/modspainv.h"
-#include "util/blascore.h"
+#include "sparse/selected_inverse.h"
+#include "sparse/sparse_matrix.h"
+#include "sparse/supernodal_kernels.h"
+#include "util/blas_core.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 
 #include "bench_main.h"
 #include "bench_support.h"
-#include "sparse/modsparse.h"
+#include "sparse/sparse_matrix.h"
 
 namespace {
 

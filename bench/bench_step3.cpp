@@ -17,12 +17,12 @@
 #include <vector>
 
 #include "bench_main.h"
-#include "engine/modpevpec.h"
-#include "engine/modplink.h"
-#include "engine/modzrz.h"
-#include "inputs/modstructure.h"
-#include "util/blascore.h"
-#include "util/modmatop.h"
+#include "engine/genomic_pev.h"
+#include "engine/packed_genotype_products.h"
+#include "engine/snp_model_matrix.h"
+#include "inputs/genotypes.h"
+#include "util/blas_core.h"
+#include "util/dense_linear_algebra.h"
 
 namespace {
 

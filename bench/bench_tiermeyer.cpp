@@ -18,10 +18,10 @@
 #include <vector>
 
 #include "bench_main.h"
-#include "engine/modpevpec.h"
-#include "engine/modreverse.h"
+#include "engine/reverse_reliabilities.h"
+#include "engine/tier_meyer.h"
+#include "util/dense_linear_algebra.h"
 #include "util/logger.h"
-#include "util/modmatop.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-#include "app/drivers.h"
-#include "util/blascore.h"
+#include "app/run_drivers.h"
+#include "util/blas_core.h"
 
 int main(int argc, char** argv) {
     // Before anything else: this may start the program again with better BLAS kernels.

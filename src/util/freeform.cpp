@@ -9,7 +9,7 @@
 #include <limits>
 #include <string>
 
-#include "util/modcommon.h"
+#include "util/numeric_helpers.h"
 
 namespace krel {
 

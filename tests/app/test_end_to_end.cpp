@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "binary_run.h"
-#include "util/blascore.h"
+#include "util/blas_core.h"
 
 namespace krel {
 namespace {

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "engine/modplink.h"
-#include "inputs/modplink.h"
-#include "inputs/modstructure.h"
+#include "engine/packed_genotype_products.h"
+#include "inputs/genotypes.h"
+#include "inputs/plink_reader.h"
 #include "test_support.h"
-#include "util/stop.h"
+#include "util/error_stop.h"
 
 namespace krel {
 namespace {
@@ -190,7 +190,7 @@ TEST_F(CompressedProducts, UnknownTransaIsLoggedAndStops) {
     EXPECT_THROW(dgemm_compressed("x", "n", 4, 1, 4, 1, 1.0, g.ival.data(), g.freq.data(), 4, b.data(), 4, 0.0,
                                   c.data(), 4),
                  error_stop);
-    EXPECT_TRUE(testing::contains(log.text(), "modplink % dgemm_compressed (modplink.cpp:"));
+    EXPECT_TRUE(testing::contains(log.text(), "modplink % dgemm_compressed (packed_genotype_products.cpp:"));
     EXPECT_TRUE(testing::contains(log.text(), "This type of transa is not implemented"));
 }
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "app/binary_run.h"
+#include "engine/tier_meyer.h"
 #include "run_results.h"
-#include "engine/modpevpec.h"
 
 namespace krel {
 namespace {

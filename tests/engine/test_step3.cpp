@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "app/binary_run.h"
-#include "engine/modkrel.h"
-#include "engine/modpevpec.h"
-#include "engine/modzrz.h"
-#include "inputs/modplink.h"
-#include "inputs/modstructure.h"
+#include "engine/genomic_pev.h"
+#include "engine/reliability_engine.h"
+#include "engine/snp_model_matrix.h"
+#include "inputs/genotypes.h"
+#include "inputs/plink_reader.h"
 #include "test_support.h"
-#include "util/stop.h"
+#include "util/error_stop.h"
 
 namespace krel {
 namespace {

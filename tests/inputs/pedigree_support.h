@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "inputs/modpedigree.h"
+#include "inputs/pedigree.h"
 
 namespace krel::testing {
 

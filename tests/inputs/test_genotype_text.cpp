@@ -7,11 +7,11 @@
 #include <vector>
 
 #include "app/binary_run.h"
-#include "inputs/modapps.h"
-#include "inputs/modplink.h"
-#include "inputs/modstructure.h"
+#include "inputs/frequency_file.h"
+#include "inputs/genotypes.h"
+#include "inputs/plink_reader.h"
 #include "test_support.h"
-#include "util/stop.h"
+#include "util/error_stop.h"
 
 namespace krel {
 namespace {
@@ -278,7 +278,7 @@ TEST(Readfrequency, ComputeLeavesAllAloneAndAFileGivesItsRecords) {
         dir.write("f.txt", bad);
         log.clear();
         EXPECT_THROW(readfrequency((dir / "f.txt").string(), n, freq), error_stop);
-        EXPECT_TRUE(contains(log.text(), "modapps % readfrequency (modapps.cpp:"));
+        EXPECT_TRUE(contains(log.text(), "modapps % readfrequency (frequency_file.cpp:"));
         EXPECT_TRUE(contains(log.text(), "I/O ERROR: Issue with the file " + (dir / "f.txt").string()));
     }
     log.clear();

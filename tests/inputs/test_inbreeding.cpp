@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "inputs/inbreeding.h"
+#include "inputs/pedigree.h"
 #include "inputs/pedigree_support.h"
-#include "inputs/modinbreeding.h"
-#include "inputs/modpedigree.h"
 #include "simulate/sim_pedigree.h"
 #include "test_support.h"
-#include "util/modcommon.h"
-#include "util/stop.h"
+#include "util/error_stop.h"
+#include "util/numeric_helpers.h"
 
 namespace krel {
 namespace {

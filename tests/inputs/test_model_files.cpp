@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "inputs/modparameters.h"
-#include "inputs/modsolutions.h"
+#include "inputs/solution_files.h"
+#include "inputs/variance_files.h"
 #include "test_support.h"
-#include "util/stop.h"
+#include "util/error_stop.h"
 
 namespace krel {
 namespace {

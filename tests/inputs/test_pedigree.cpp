@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "inputs/modpedigree.h"
+#include "inputs/pedigree.h"
 #include "test_support.h"
-#include "util/stop.h"
+#include "util/error_stop.h"
 
 namespace krel {
 namespace {

@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "app/binary_run.h"
-#include "inputs/modplink.h"
-#include "inputs/modstructure.h"
+#include "inputs/genotypes.h"
+#include "inputs/plink_reader.h"
 #include "test_support.h"
-#include "util/stop.h"
+#include "util/error_stop.h"
 
 namespace krel {
 namespace {
@@ -181,7 +181,7 @@ TEST_F(PlinkRead, EachMissingMemberOfTheFilesetIsNamed) {
         std::filesystem::remove(dir_ / ("g" + missing));
         log_.clear();
         EXPECT_THROW(read(dir_), error_stop) << missing;
-        EXPECT_TRUE(contains(log_.text(), "modplink % check_plinkfiles (modplink.cpp:")) << log_.text();
+        EXPECT_TRUE(contains(log_.text(), "modplink % check_plinkfiles (plink_reader.cpp:")) << log_.text();
         EXPECT_TRUE(contains(log_.text(), "The following file does not exist: " + (dir_ / ("g" + missing)).string()))
             << log_.text();
     }
@@ -192,7 +192,7 @@ TEST_F(PlinkRead, IndividualMajorOrForeignFilesAreRefused) {
         write_fileset(dir_, {1, 2}, {{0, 1}}, magic);
         log_.clear();
         EXPECT_THROW(read(dir_), error_stop);
-        EXPECT_TRUE(contains(log_.text(), "modplink % plinkreadbed (modplink.cpp:"));
+        EXPECT_TRUE(contains(log_.text(), "modplink % plinkreadbed (plink_reader.cpp:"));
         EXPECT_TRUE(contains(log_.text(), "The following file is not a Plink SNP-major bed file: " +
                                               (dir_ / "g.bed").string()));
     }

@@ -8,9 +8,9 @@
 #include <sstream>
 #include <string>
 
-#include "sparse/modsparse.h"
+#include "sparse/sparse_matrix.h"
 #include "util/dense_matrix.h"
-#include "util/stop.h"
+#include "util/error_stop.h"
 
 namespace krel::testing {
 

@@ -4,7 +4,7 @@
 
 #include "test_support.h"
 #include "util/logger.h"
-#include "util/modstats.h"
+#include "util/run_timer.h"
 
 namespace krel {
 namespace {

@@ -1,0 +1,126 @@
+#include "inputs/variance_files.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "util/dense_linear_algebra.h"
+#include "util/error_stop.h"
+#include "util/fortran_format.h"
+#include "util/freeform.h"
+#include "util/logger.h"
+
+namespace krel {
+
+namespace {
+
+constexpr const char* module_name = "modparameters";
+
+record_reader open_or_stop(const std::string& file, const char* routine) {
+    record_reader in;
+    if (!in.open(file)) {
+        global_logger().log_io_error("Cannot open the file " + file, module_name, procedure_at(routine));
+        throw error_stop();
+    }
+    return in;
+}
+
+}  // namespace
+
+void readh2(const std::string& file, std::int32_t& n, std::vector<double>& h2) {
+    record_reader in = open_or_stop(file, "readh2");
+    h2.assign(1, 0.0);
+    std::string_view record;
+    while (in.next(record)) {
+        if (blank_record(record)) continue;
+        item_cursor items(record);
+        double v = 0.0;
+        if (!items.next_real(v)) break;
+        h2.push_back(v);
+    }
+    n = static_cast<std::int32_t>(h2.size()) - 1;
+}
+
+void readgf(const std::string& file, std::int32_t effect, std::int32_t ntrait, dmatrix& gvar) {
+    (void)effect;  // the caller picks the slice of the effect
+    record_reader in = open_or_stop(file, "readgf");
+    // A larger matrix keeps its extents: the SNP variances have room for 80 traits.
+    if (gvar.rows() < ntrait || gvar.cols() < ntrait) gvar.resize(ntrait, ntrait);
+    std::string_view record;
+    for (std::int32_t t = 1; t <= ntrait; ++t) {
+        bool ok = false;
+        while (in.next(record)) {
+            if (blank_record(record)) continue;
+            item_cursor items(record);
+            ok = true;
+            for (std::int32_t u = 1; u <= t && ok; ++u) ok = items.next_real(gvar(t, u));
+            break;
+        }
+        if (!ok) {
+            global_logger().log_io_error("Cannot read the file properly", module_name, procedure_at("readgf"), std::nullopt,
+                                         "no readable row " + inttochar(t) + " in " + file);
+            throw error_stop();
+        }
+        for (std::int32_t u = 1; u < t; ++u) gvar(u, t) = gvar(t, u);
+    }
+}
+
+void readrf(const std::string& file, std::int32_t& ntrait, std::vector<dmatrix>& rmat) {
+    record_reader in = open_or_stop(file, "readrf");
+    struct row {
+        std::int32_t cls, r;
+        std::vector<double> values;
+    };
+    std::vector<row> rows;
+    auto malformed = [&] {
+        global_logger().log_error("The format of the residual covariance file is not correct!", module_name,
+                                  procedure_at("readrf"));
+        throw error_stop();
+    };
+    std::string_view record;
+    std::int32_t nclass = 0, maxrow = 0;
+    while (in.next(record)) {
+        if (blank_record(record)) continue;
+        item_cursor items(record);
+        row x{};
+        if (!items.next_int(x.cls) || !items.next_int(x.r) || x.cls < 1 || x.r < 1) malformed();
+        x.values.resize(x.r);
+        for (double& v : x.values)
+            if (!items.next_real(v)) malformed();
+        nclass = std::max(nclass, x.cls);
+        maxrow = std::max(maxrow, x.r);
+        rows.push_back(std::move(x));
+    }
+    if (ntrait == 0) ntrait = maxrow;
+    if (maxrow > ntrait) malformed();
+    rmat.assign(static_cast<std::size_t>(nclass) + 1, dmatrix());
+    std::vector<char> given(static_cast<std::size_t>(nclass) + 1, 0);
+    for (std::int32_t c = 1; c <= nclass; ++c) rmat[c].resize(ntrait, ntrait);
+    for (const auto& x : rows) {
+        given[x.cls] = 1;
+        for (std::int32_t u = 1; u <= x.r; ++u) rmat[x.cls](x.r, u) = rmat[x.cls](u, x.r) = x.values[u - 1];
+    }
+    for (std::int32_t c = 1; c <= nclass; ++c) {
+        if (!given[c]) {
+            global_logger().log_warning("The class " + inttochar(c) + " of the residual covariance matrix is not provided!",
+                                        module_name, procedure_at("readrf"));
+            continue;
+        }
+        if (!ispositive(rmat[c], ntrait)) {
+            global_logger().log_error("The residual matrix for the class " + inttochar(c) + " is not positive definite!",
+                                      module_name, procedure_at("readrf"));
+            throw error_stop();
+        }
+    }
+}
+
+void writeg(const dmatrix& a, std::int32_t n, std::int32_t m, const std::string& title, std::int32_t effect) {
+    std::string text = title + "\n  Effect  Covariable  Trait  (Co)variance(s)";
+    for (std::int32_t i = 1; i <= n; ++i) {
+        text += fmt::format("\n{:>8}{:>12}{:>7} ", effect, 1, i);
+        for (std::int32_t j = 1; j <= m; ++j) text += fmt::format(" {:>12}", realtochar(a(i, j), "(es12.4)"));
+    }
+    global_logger().log_message(text);
+}
+
+}  // namespace krel
