@@ -9,6 +9,8 @@
 
 #include "app/run_header.h"
 #include "engine/reliability_engine.h"
+#include "inputs/snp_variability.h"
+#include "report/run_report.h"
 #include "util/blas_core.h"
 #include "util/error_stop.h"
 #include "util/fortran_format.h"
@@ -98,6 +100,7 @@ run_options read_common_options(const command_line& cli) {
     read_cla(cli, "--scale_snp_var", o.scale_snp_var);
     read_solution_pair(cli, "--gwas", o.gwas_file, o.gwas_effect);
     read_solution_pair(cli, "--mgwas", o.mgwas_file, o.mgwas_effect);
+    read_cla(cli, "--plots", o.plots);
     return o;
 }
 
@@ -127,6 +130,7 @@ void echo_common_options(const run_options& o) {
         log.log_message("Name for Tarnelo SNP solution file   : " + o.mgwas_file);
         log.log_message("Value for Tarnelo SNP solution effect: " + inttochar(o.mgwas_effect));
     }
+    if (o.plots) log.log_message("Plots                            : T");
 }
 
 krel_group_options read_krel_options(const command_line& cli) {
@@ -175,14 +179,86 @@ krel_init_options init_options(const run_options& o) {
     return k;
 }
 
-void run_pvalues(krel_type& krel, const run_options& opts) {
-    if (opts.gwas_file != "none") krel.pvalue(opts.gwas_file, opts.gwas_effect);
-    if (opts.mgwas_file != "none") krel.pvalue(opts.mgwas_file, opts.mgwas_effect, true);
+namespace {
+
+std::vector<std::pair<std::string, std::string>> summary_options(const run_options& o) {
+    return {{"gen", o.genofile},          {"freq", o.freqfile},
+            {"beta", realtochar(o.beta)}, {"ped", o.pedfile},
+            {"pev", o.pevfile},           {"mrel", o.relfile},
+            {"rvcv", o.rvcvfile},         {"gvcv", o.gvcvfile},
+            {"svcv", o.svcvfile},         {"h2", o.h2file},
+            {"effect", inttochar(o.effect)}, {"inbfile", o.inbfile},
+            {"inbreeding", logical_text(o.use_inbreeding)}, {"save_pec", logical_text(o.save_pec)},
+            {"scale_snp_var", logical_text(o.scale_snp_var)}, {"blocks", inttochar(o.blocks)},
+            {"gwas", o.gwas_file + " " + inttochar(o.gwas_effect)},
+            {"mgwas", o.mgwas_file + " " + inttochar(o.mgwas_effect)},
+            {"verbose", logical_text(lkrel_verbose)}, {"plots", logical_text(o.plots)}};
 }
 
-void run_krel(const command_line& cli, const run_options& opts) {
+void record_inputs(const krel_type& krel, run_record& record) {
+    record.animals = krel.getsizeped();
+    record.genotyped = krel.ngeno;
+    record.snps = krel.nsnp;
+    record.traits = krel.ntrait;
+}
+
+// The summary statistics (and plots) of the last SNP test, from its files.
+void report_snp_tests(const krel_type& krel, const run_options& opts, run_record& record) {
+    const bool tarnelo = opts.mgwas_file != "none";
+    snp_report_inputs in;
+    in.genofile = opts.genofile;
+    in.is_plink = krel.is_plink;
+    in.solfile = tarnelo ? opts.mgwas_file : opts.gwas_file;
+    in.effect = tarnelo ? opts.mgwas_effect : opts.gwas_effect;
+    in.tarnelo_format = tarnelo;
+    in.ntrait = krel.ntrait;
+    in.nsnp = krel.nsnp;
+    snp_variability v = snp_variability_of(krel.geno);
+    in.varies = std::move(v.varies);
+    in.freq = std::move(v.observed_frequency);
+    if (!krel.is_plink && opts.freqfile != "none")
+        for (std::int32_t j = 1; j <= krel.nsnp; ++j) in.freq[j - 1] = krel.snp_frequency(j);
+    in.plots = opts.plots;
+    const snp_report r = report_snp_tests(in);
+    record.sumstats_files = r.files;
+    record.snps_without_information = r.without_information;
+    record.inflation = r.lambda;
+}
+
+void report_reliabilities(const krel_type& krel, bool non_genotyped_done, bool plots, run_record& record) {
+    reliability_inputs in;
+    in.ntrait = krel.ntrait;
+    in.pedigree = &krel.rel;
+    in.genomic = &krel.final_rel;
+    in.genotyped.assign(krel.idmap.size(), false);
+    for (std::size_t level = 1; level < krel.idmap.size(); ++level) in.genotyped[level] = krel.idmap[level] != 0;
+    in.non_genotyped_done = non_genotyped_done;
+    in.plots = plots;
+    record.reliabilities = report_reliabilities(in);
+}
+
+}  // namespace
+
+void run_pvalues(krel_type& krel, const run_options& opts, run_record& record) {
+    if (opts.gwas_file != "none") record.step("pvalue", [&] { krel.pvalue(opts.gwas_file, opts.gwas_effect); });
+    if (opts.mgwas_file != "none")
+        record.step("pvalue", [&] { krel.pvalue(opts.mgwas_file, opts.mgwas_effect, true); });
+    if (opts.gwas_file != "none" || opts.mgwas_file != "none")
+        record.step("report_snp_tests", [&] { report_snp_tests(krel, opts, record); });
+}
+
+void run_krel(const command_line& cli, const run_options& opts, run_record& record) {
     const krel_group_options kopts = read_krel_options(cli);
     echo_krel_options(kopts);
+    record.options.insert(record.options.end(),
+                          {{"pheno", kopts.phenofile},
+                           {"ref", kopts.reffile},
+                           {"edc_adjust_factor", realtochar(kopts.edc_adjust_factor)},
+                           {"pev_adjust_factor", realtochar(kopts.pev_adjust_factor)},
+                           {"only_geno", logical_text(kopts.only_geno)},
+                           {"method", inttochar(kopts.method)},
+                           {"save_erc", logical_text(kopts.save_erc)},
+                           {"ungeno_tm", logical_text(kopts.ungeno_tm)}});
     krel_type krel;
     krel_init_options k = init_options(opts);
     k.phenofile = kopts.phenofile;
@@ -191,21 +267,26 @@ void run_krel(const command_line& cli, const run_options& opts) {
     k.method = kopts.method;
     k.edc_adjust_factor = kopts.edc_adjust_factor;
     k.pev_adjust_factor = kopts.pev_adjust_factor;
-    krel.init_krel(k);
-    krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false);
-    run_pvalues(krel, opts);
-    if (kopts.only_geno) return;
-    krel.compute_krel_notgeno();
+    record.step("init_krel", [&] { krel.init_krel(k); });
+    record_inputs(krel, record);
+    record.step("compute_krel_geno", [&] { krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false); });
+    run_pvalues(krel, opts, record);
+    if (kopts.only_geno) {
+        record.step("report_reliabilities", [&] { report_reliabilities(krel, false, opts.plots, record); });
+        return;
+    }
+    record.step("compute_krel_notgeno", [&] { krel.compute_krel_notgeno(); });
     // The exact inverse costs a sparse factorisation of the whole pedigree
     // for each trait: beyond a million animals the approximation takes over.
     if (krel.getsizeped() > 1000000 || kopts.ungeno_tm)
-        krel.reliabilities_by_tier_meyer();
+        record.step("tier_meyer_approximation", [&] { krel.reliabilities_by_tier_meyer(); });
     else
-        krel.reliabilities_by_exact_inverse();
-    write_reliability_files(krel);
+        record.step("exact_inverse", [&] { krel.reliabilities_by_exact_inverse(); });
+    record.step("write_reliabilities", [&] { write_reliability_files(krel); });
+    record.step("report_reliabilities", [&] { report_reliabilities(krel, true, opts.plots, record); });
 }
 
-void run_gwas(const command_line& /*cli*/, const run_options& opts) {
+void run_gwas(const command_line& /*cli*/, const run_options& opts, run_record& record) {
     krel_type krel;
     if (opts.gwas_file == "none" && opts.mgwas_file == "none") {
         global_logger().log_error("GWAS approach: a solution file must be provided");
@@ -215,10 +296,25 @@ void run_gwas(const command_line& /*cli*/, const run_options& opts) {
     k.phenofile = "rela";
     k.reffile = "none";
     k.save_erc = false;
-    krel.init_krel(k);
-    krel.compute_krel_geno(false, opts.blocks, 1000, true);
-    run_pvalues(krel, opts);
+    record.step("init_krel", [&] { krel.init_krel(k); });
+    record_inputs(krel, record);
+    record.step("compute_krel_geno", [&] { krel.compute_krel_geno(false, opts.blocks, 1000, true); });
+    run_pvalues(krel, opts, record);
 }
+
+namespace {
+
+// The summary of the run as it ends, with its exit status and, for a stopped
+// run, the last error logged.
+int finish_summary(run_record& record, int status, const std::string& error) {
+    record.exit_status = status;
+    record.error = error;
+    record.result_files = files_written_since(record.start);
+    write_run_summary(run_summary_file, record);
+    return status;
+}
+
+}  // namespace
 
 int krel_program(int argc, char** argv) {
     set_flush_to_zero();
@@ -232,6 +328,11 @@ int krel_program(int argc, char** argv) {
         std::cerr << e.what() << '\n';
         return 1;
     }
+    run_record record;
+    record.program = word;
+    record.version = std::string(program_version);
+    record.commit = std::string(program_commit);
+    record.arguments = args;
     try {
         run_script("before_" + word);
         header(program_word, program_version, program_commit);
@@ -241,31 +342,37 @@ int krel_program(int argc, char** argv) {
         const int parsed = cli.parse(args);
         if (parsed != parse_ok) {
             endheader(program_word);
-            return parsed < 0 ? 0 : 1;
+            // Help and version texts are no run; a refused command line is.
+            if (parsed < 0) return 0;
+            return finish_summary(record, 1, "The command line was not accepted");
         }
         for (const std::string& arg : cli.ignored_arguments())
             log.log_warning("Unknown argument ignored: " + arg);
         const run_options opts = read_common_options(cli);
         echo_common_options(opts);
+        record.options = summary_options(opts);
         if (cli.is_called_group(krel_group)) {
-            run_krel(cli, opts);
+            record.command = krel_group;
+            run_krel(cli, opts, record);
         } else if (cli.is_called_group(gwas_group)) {
-            run_gwas(cli, opts);
+            record.command = gwas_group;
+            run_gwas(cli, opts, record);
         } else {
             log.log_error("Option not supported", "krel", "program (352)");
             throw error_stop();
         }
+        finish_summary(record, 0, "");
         vmstat();
         endheader(program_word);
         return 0;
     } catch (const error_stop& stop) {
-        return stop.status();
+        return finish_summary(record, stop.status(), log.last_error());
     } catch (const std::bad_alloc&) {
         log.log_error("Not enough memory to go on");
-        return 1;
+        return finish_summary(record, 1, log.last_error());
     } catch (const std::exception& e) {
         log.log_error(std::string("Unexpected failure: ") + e.what());
-        return 1;
+        return finish_summary(record, 1, log.last_error());
     }
 }
 

@@ -8,6 +8,7 @@
 
 #include "app/command_line.h"
 #include "app/run_options.h"
+#include "report/run_summary.h"
 
 namespace krel {
 
@@ -35,7 +36,9 @@ std::int32_t method_from_word(std::string_view word);
 inline constexpr std::int32_t exact_inverse_max_levels = 1000000;
 bool use_tier_meyer(std::int64_t pedigree_levels, bool ungeno_tm);
 
-void run_krel(const command_line& cli, const run_options& opts);
-void run_gwas(const command_line& cli, const run_options& opts);
+// The drivers record their road, step times and results in `record`, the
+// run summary that is written however the run ends.
+void run_krel(const command_line& cli, const run_options& opts, run_record& record);
+void run_gwas(const command_line& cli, const run_options& opts, run_record& record);
 
 }  // namespace krel

@@ -27,6 +27,7 @@ struct run_options {
     std::int32_t gwas_effect = -1;
     std::string mgwas_file = "none";
     std::int32_t mgwas_effect = -1;
+    bool plots = false;
 };
 
 // The options of the group "krel".

@@ -125,6 +125,7 @@ void logger_type::reset() {
     level_ = log_level::information;
     max_width_ = 0;
     time_stamp_ = true;
+    last_error_.clear();
 }
 
 void logger_type::emit(const std::string& text) {
@@ -178,6 +179,7 @@ void logger_type::log_error(std::string_view message, std::string_view module,
     std::string text(message);
     if (stat) text += fmt::format("\nWith stat = {}", *stat);
     if (errmsg) text += fmt::format("\nWith errmsg = \"{}\"", *errmsg);
+    last_error_ = text;
     write(log_level::error, "ERROR", text, module, procedure);
 }
 
@@ -187,6 +189,7 @@ void logger_type::log_io_error(std::string_view message, std::string_view module
     std::string text(message);
     if (iostat) text += fmt::format("\nWith iostat = {}", *iostat);
     if (iomsg) text += fmt::format("\nWith iomsg = \"{}\"", *iomsg);
+    last_error_ = text;
     write(log_level::error, "I/O ERROR", text, module, procedure);
 }
 

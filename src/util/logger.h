@@ -50,6 +50,9 @@ public:
 
     bool indent() const { return indent_; }
     int max_width() const { return max_width_; }
+    // The text of the last error or I/O error logged, empty if none: the run
+    // summary of a stopped run carries it.
+    const std::string& last_error() const { return last_error_; }
 
     // Drops every unit and restores the defaults: a new process's state.
     void reset();
@@ -66,6 +69,7 @@ private:
     log_level level_ = log_level::information;
     int max_width_ = 0;  // 0: lines are never split
     bool time_stamp_ = true;
+    std::string last_error_;
 };
 
 // The procedure text of an error line: the routine name and the place of the
