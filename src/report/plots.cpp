@@ -56,6 +56,17 @@ void text(cairo_t* cr, double x, double y, const std::string& s, align h, double
     cairo_restore(cr);
 }
 
+double text_width(cairo_t* cr, const std::string& s, double size);
+
+// A white patch behind a label that may lie over points or lines.
+void backing(cairo_t* cr, double x, double y, double width, double size) {
+    cairo_save(cr);
+    cairo_set_source_rgba(cr, 1, 1, 1, 0.85);
+    cairo_rectangle(cr, x - 4, y - size * 0.75, width + 8, size * 1.5);
+    cairo_fill(cr);
+    cairo_restore(cr);
+}
+
 double text_width(cairo_t* cr, const std::string& s, double size) {
     cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
     cairo_set_font_size(cr, size);
@@ -78,7 +89,8 @@ std::vector<double> ticks(double lo, double hi, int n, double& step) {
     const double f = raw / mag;
     step = (f < 1.5 ? 1.0 : f < 3.5 ? 2.0 : f < 7.5 ? 5.0 : 10.0) * mag;
     std::vector<double> out;
-    for (double v = std::ceil(lo / step - 1e-9) * step; v <= hi + step * 1e-9; v += step) out.push_back(v);
+    for (double v = std::ceil(lo / step - 1e-9) * step; v <= hi + step * 1e-9; v += step)
+        out.push_back(std::abs(v) < step * 1e-9 ? 0.0 : v);
     return out;
 }
 
@@ -278,6 +290,8 @@ void plot_manhattan(const std::string& stem, const std::vector<snp_annotation>& 
             char label[96];
             std::snprintf(label, sizeof label, "p = 0.05 / %lld SNPs (-log10 p = %.2f)",
                           static_cast<long long>(informative), threshold);
+            const double w = text_width(cr, label, 13);
+            backing(cr, f.left + f.width - 8 - w, f.y(threshold) - 12, w, 13);
             text(cr, f.left + f.width - 8, f.y(threshold) - 12, label, align::end, 13);
         }
         box(cr, f);
@@ -364,6 +378,13 @@ void plot_reliability_distribution(const std::string& stem, const reliability_gr
         title_and_labels(cr, f, title, "Reliability", "Animals of the group (%)");
         x_axis(cr, f);
         y_axis(cr, f);
+        double legend_w = 0.0;
+        int shown = 0;
+        for (const series& s : all)
+            if (!s.values->empty()) {
+                legend_w = std::max(legend_w, text_width(cr, s.name, 14));
+                ++shown;
+            }
         double legend_y = f.top + 24;
         for (const series& s : all) {
             if (s.values->empty()) continue;
@@ -378,6 +399,19 @@ void plot_reliability_distribution(const std::string& stem, const reliability_gr
             }
             cairo_line_to(cr, f.x(1), f.y(0));
             cairo_stroke(cr);
+            cairo_set_dash(cr, nullptr, 0, 0);
+        }
+        if (shown > 0) {
+            cairo_set_source_rgba(cr, 1, 1, 1, 0.85);
+            cairo_rectangle(cr, f.left + 10, f.top + 10, legend_w + 70, 24.0 * shown + 4);
+            cairo_fill(cr);
+        }
+        for (const series& s : all) {
+            if (s.values->empty()) continue;
+            set(cr, s.c);
+            cairo_set_line_width(cr, 2.0);
+            const double dash[] = {7.0, 4.0};
+            cairo_set_dash(cr, dash, s.dashed ? 2 : 0, 0);
             cairo_move_to(cr, f.left + 20, legend_y);
             cairo_line_to(cr, f.left + 60, legend_y);
             cairo_stroke(cr);
@@ -404,9 +438,9 @@ void plot_reliability_scatter(const std::string& stem, const reliability_groups&
     }
     const frame f{90, 60, scatter_width - 200.0, scatter_height - 150.0, 0.0, 1.0, 0.0, 1.0};
     // Light to dark with the logarithm of the count.
+    auto ramp = [](double t) { return colour{0.85 - 0.80 * t, 0.90 - 0.65 * t, 0.98 - 0.45 * t}; };
     auto shade = [&](std::int64_t c) {
-        const double t = most > 1 ? std::log(static_cast<double>(c)) / std::log(static_cast<double>(most)) : 1.0;
-        return colour{0.85 - 0.80 * t, 0.90 - 0.65 * t, 0.98 - 0.45 * t};
+        return ramp(most > 1 ? std::log(static_cast<double>(c)) / std::log(static_cast<double>(most)) : 1.0);
     };
     render(stem, scatter_width, scatter_height, [&](cairo_t* cr) {
         background(cr);
@@ -435,17 +469,15 @@ void plot_reliability_scatter(const std::string& stem, const reliability_groups&
         // Colour key: animals per cell.
         const double kx = f.left + f.width + 30, ky = f.top + 30, kh = 200;
         for (int s = 0; s < 100; ++s) {
-            const double t = s / 99.0;
-            const auto c = most > 1 ? static_cast<std::int64_t>(std::round(std::exp(t * std::log(static_cast<double>(most)))))
-                                    : std::int64_t{1};
-            set(cr, shade(std::max<std::int64_t>(c, 1)));
+            set(cr, ramp(s / 99.0));
             cairo_rectangle(cr, kx, ky + kh - (s + 1) * kh / 100, 20, kh / 100 + 0.5);
             cairo_fill(cr);
         }
         set(cr, ink);
         text(cr, kx, ky - 16, "Animals", align::start, 13);
-        text(cr, kx + 26, ky + kh, "1", align::start, 12);
-        text(cr, kx + 26, ky, std::to_string(std::max<std::int64_t>(most, 1)), align::start, 12);
+        text(cr, kx + 26, ky + kh - 4, "1", align::start, 12);
+        text(cr, kx + 26, ky + 4, std::to_string(std::max<std::int64_t>(most, 1)), align::start, 12);
+        text(cr, kx, ky + kh + 20, "(log scale)", align::start, 11);
     });
 }
 
