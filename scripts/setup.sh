@@ -17,6 +17,7 @@ packages=(
   libcli11-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   time plink2
+  libcairo2-dev pkg-config python3
 )
 
 missing=()

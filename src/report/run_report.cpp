@@ -10,6 +10,7 @@
 #include "util/error_stop.h"
 #include "util/fortran_format.h"
 #include "util/logger.h"
+#include "util/run_timer.h"
 
 namespace krel {
 
@@ -81,9 +82,12 @@ snp_report report_snp_tests(const snp_report_inputs& in) {
             const std::string suffix = in.ntrait > 1 ? ", trait " + inttochar(t) : std::string();
             const std::string manhattan = trait_file_name("krel_manhattan", "png", t, in.ntrait);
             const std::string qq = trait_file_name("krel_qq", "png", t, in.ntrait);
+            wtime clock;
             plot_manhattan(manhattan.substr(0, manhattan.size() - 4), snps, tests, "Manhattan plot" + suffix);
+            clock.stop("Plot " + manhattan + " and its PDF");
+            clock.start();
             plot_qq(qq.substr(0, qq.size() - 4), tests, lambda, "QQ plot of the SNP tests" + suffix);
-            log.log_message("Plots: " + manhattan + ", " + qq + " and their PDF");
+            clock.stop("Plot " + qq + " and its PDF");
         }
     }
     return out;
@@ -116,10 +120,13 @@ std::vector<trait_reliabilities> report_reliabilities(const reliability_inputs& 
             const std::string suffix = in.ntrait > 1 ? ", trait " + inttochar(t) : std::string();
             const std::string dist = trait_file_name("krel_reliabilities", "png", t, in.ntrait);
             const std::string scatter = trait_file_name("krel_reliability_scatter", "png", t, in.ntrait);
+            wtime clock;
             plot_reliability_distribution(dist.substr(0, dist.size() - 4), g, "Reliabilities" + suffix);
+            clock.stop("Plot " + dist + " and its PDF");
+            clock.start();
             plot_reliability_scatter(scatter.substr(0, scatter.size() - 4), g,
                                      "Genotyped animals: genomic against pedigree reliability" + suffix);
-            global_logger().log_message("Plots: " + dist + ", " + scatter + " and their PDF");
+            clock.stop("Plot " + scatter + " and its PDF");
         }
     }
     return out;
