@@ -219,11 +219,18 @@ void plot_manhattan(const std::string& stem, const std::vector<snp_annotation>& 
     // Chromosomes in the order of the map, each from its first to its last position.
     std::vector<std::string> order;
     std::map<std::string, std::pair<std::int64_t, std::int64_t>> span;
+    std::map<std::string, std::size_t> index;
+    const std::size_t n = std::min(snps.size(), tests.size());
+    std::vector<std::size_t> chrom_of(n);
     std::int64_t informative = 0;
     double top = 0.0;
-    for (std::size_t j = 0; j < snps.size() && j < tests.size(); ++j) {
+    for (std::size_t j = 0; j < n; ++j) {
         const auto [it, added] = span.try_emplace(snps[j].chrom, snps[j].pos, snps[j].pos);
-        if (added) order.push_back(snps[j].chrom);
+        if (added) {
+            index[snps[j].chrom] = order.size();
+            order.push_back(snps[j].chrom);
+        }
+        chrom_of[j] = index[snps[j].chrom];
         it->second.first = std::min(it->second.first, snps[j].pos);
         it->second.second = std::max(it->second.second, snps[j].pos);
         if (tests[j].informative) {
@@ -234,10 +241,11 @@ void plot_manhattan(const std::string& stem, const std::vector<snp_annotation>& 
     double total = 0.0;
     for (const auto& c : order) total += static_cast<double>(span[c].second - span[c].first) + 1.0;
     const double gap = std::max(1.0, total * 0.01);
-    std::map<std::string, double> offset;
+    std::vector<double> offset(order.size());
     double at = 0.0;
-    for (const auto& c : order) {
-        offset[c] = at - static_cast<double>(span[c].first);
+    for (std::size_t k = 0; k < order.size(); ++k) {
+        const auto& c = order[k];
+        offset[k] = at - static_cast<double>(span[c].first);
         at += static_cast<double>(span[c].second - span[c].first) + 1.0 + gap;
     }
     const double threshold = informative > 0 ? -std::log10(0.05 / static_cast<double>(informative)) : 0.0;
@@ -252,12 +260,13 @@ void plot_manhattan(const std::string& stem, const std::vector<snp_annotation>& 
         if (informative == 0) no_data(cr, f, "No SNP with information");
         // Points above p = 0.01 are many and alike: a coarser grid thins them.
         occupancy fine(manhattan_width, manhattan_height, 1.0), coarse(manhattan_width, manhattan_height, 2.5);
-        for (std::size_t c = 0; c < order.size(); ++c) {
-            set(cr, c % 2 == 0 ? chrom_dark : chrom_light);
+        // One path for each of the two colours.
+        for (std::size_t colour_of = 0; colour_of < 2; ++colour_of) {
+            set(cr, colour_of == 0 ? chrom_dark : chrom_light);
             cairo_new_path(cr);
-            for (std::size_t j = 0; j < snps.size() && j < tests.size(); ++j) {
-                if (snps[j].chrom != order[c] || !tests[j].informative) continue;
-                const double px = f.x(offset[order[c]] + static_cast<double>(snps[j].pos));
+            for (std::size_t j = 0; j < n; ++j) {
+                if (chrom_of[j] % 2 != colour_of || !tests[j].informative) continue;
+                const double px = f.x(offset[chrom_of[j]] + static_cast<double>(snps[j].pos));
                 const double py = f.y(tests[j].log10_p);
                 if (!(tests[j].log10_p >= 2.0 ? fine : coarse).take(px, py)) continue;
                 cairo_new_sub_path(cr);
@@ -270,7 +279,7 @@ void plot_manhattan(const std::string& stem, const std::vector<snp_annotation>& 
         double last_end = -1e9;
         for (std::size_t c = 0; c < order.size(); ++c) {
             const auto& name = order[c];
-            const double mid = f.x(offset[name] + (span[name].first + span[name].second) / 2.0);
+            const double mid = f.x(offset[c] + (span[name].first + span[name].second) / 2.0);
             const double w = text_width(cr, name, 13);
             if (!mapped) break;
             if (mid - w / 2 < last_end + 6) continue;
