@@ -33,9 +33,24 @@ void set(cairo_t* cr, colour c) { cairo_set_source_rgb(cr, c.r, c.g, c.b); }
 struct frame {
     double left, top, width, height;
     double x0, x1, y0, y1;
+    // Above ybreak the y axis turns logarithmic in the top part of the
+    // frame, so that a few huge -log10 p do not flatten all the others.
+    double ybreak = std::numeric_limits<double>::infinity();
+    static constexpr double linear_share = 0.75;
     double x(double v) const { return left + (v - x0) / (x1 - x0) * width; }
-    double y(double v) const { return top + height - (v - y0) / (y1 - y0) * height; }
+    double y(double v) const {
+        if (!(ybreak < y1)) return top + height - (v - y0) / (y1 - y0) * height;
+        if (v <= ybreak) return top + height - (v - y0) / (ybreak - y0) * height * linear_share;
+        return top + height * (1.0 - linear_share) * (1.0 - std::log(v / ybreak) / std::log(y1 / ybreak));
+    }
 };
+
+// The break of the y axis for values up to top: none while the largest
+// value is of the order of the threshold.
+double y_break(double top, double threshold) {
+    const double at = std::ceil(std::max(2.0 * threshold, 20.0) / 5.0) * 5.0;
+    return top > 2.5 * at ? at : std::numeric_limits<double>::infinity();
+}
 
 enum class align { start, middle, end };
 
@@ -113,12 +128,35 @@ void y_axis(cairo_t* cr, const frame& f) {
     double step = 1.0;
     set(cr, ink);
     cairo_set_line_width(cr, 1.0);
-    for (const double v : ticks(f.y0, f.y1, 8, step)) {
-        const double yy = f.y(v);
+    const bool broken = f.ybreak < f.y1;
+    std::vector<double> at = ticks(f.y0, broken ? f.ybreak : f.y1, broken ? 6 : 8, step);
+    std::vector<std::string> labels;
+    for (const double v : at) labels.push_back(tick_text(v, step));
+    if (broken) {
+        // Powers of ten above the break, and the break itself.
+        for (double p = std::pow(10.0, std::ceil(std::log10(f.ybreak * 1.5))); p <= f.y1; p *= 10) {
+            at.push_back(p);
+            char buf[32];
+            std::snprintf(buf, sizeof buf, p < 1e6 ? "%.0f" : "%.0e", p);
+            labels.push_back(buf);
+        }
+        const double yy = f.y(f.ybreak);
+        cairo_save(cr);
+        cairo_set_source_rgb(cr, 0.6, 0.6, 0.6);
+        const double dash[] = {2.0, 3.0};
+        cairo_set_dash(cr, dash, 2, 0);
+        cairo_move_to(cr, f.left, yy);
+        cairo_line_to(cr, f.left + f.width, yy);
+        cairo_stroke(cr);
+        cairo_restore(cr);
+        text(cr, f.left + 6, yy - 10, "log scale above", align::start, 11);
+    }
+    for (std::size_t k = 0; k < at.size(); ++k) {
+        const double yy = f.y(at[k]);
         cairo_move_to(cr, f.left - 6, yy);
         cairo_line_to(cr, f.left, yy);
         cairo_stroke(cr);
-        text(cr, f.left - 10, yy, tick_text(v, step), align::end, 13);
+        text(cr, f.left - 10, yy, labels[k], align::end, 13);
     }
 }
 
@@ -250,8 +288,11 @@ void plot_manhattan(const std::string& stem, const std::vector<snp_annotation>& 
     }
     const double threshold = informative > 0 ? -std::log10(0.05 / static_cast<double>(informative)) : 0.0;
     const bool mapped = !(order.size() == 1 && order.front() == "NA");
-    const frame f{90, 60, manhattan_width - 120.0, manhattan_height - 150.0, -gap / 2, std::max(at - gap / 2, 1.0),
-                  0.0, std::max({top, threshold, 1.0}) * 1.08};
+    frame f{90, 60, manhattan_width - 120.0, manhattan_height - 150.0, -gap / 2, std::max(at - gap / 2, 1.0),
+            0.0, std::max({top, threshold, 1.0}) * 1.08};
+    f.ybreak = y_break(f.y1, threshold);
+    // Room above the highest point on the logarithmic part too.
+    if (f.ybreak < f.y1) f.y1 = top * 2.0;
 
     render(stem, manhattan_width, manhattan_height, [&](cairo_t* cr) {
         background(cr);
@@ -315,7 +356,9 @@ void plot_qq(const std::string& stem, const std::vector<snp_test>& tests, double
     const auto n = static_cast<double>(observed.size());
     const double emax = observed.empty() ? 1.0 : -std::log10(0.5 / n);
     const double omax = observed.empty() ? 1.0 : std::max(observed.front(), 1.0);
-    const frame f{90, 60, qq_width - 120.0, qq_height - 150.0, 0.0, emax * 1.05, 0.0, std::max(omax, emax) * 1.05};
+    frame f{90, 60, qq_width - 120.0, qq_height - 150.0, 0.0, emax * 1.05, 0.0, std::max(omax, emax) * 1.05};
+    f.ybreak = y_break(f.y1, emax);
+    if (f.ybreak < f.y1) f.y1 = omax * 2.0;
 
     render(stem, qq_width, qq_height, [&](cairo_t* cr) {
         background(cr);
