@@ -134,7 +134,13 @@ void y_axis(cairo_t* cr, const frame& f) {
     for (const double v : at) labels.push_back(tick_text(v, step));
     if (broken) {
         // Powers of ten above the break, and the break itself.
-        for (double p = std::pow(10.0, std::ceil(std::log10(f.ybreak * 1.5))); p <= f.y1; p *= 10) {
+        // Decades far enough apart for their labels.
+        const double first = std::ceil(std::log10(f.ybreak * 1.5));
+        const double decades = std::log10(f.y1) - first + 1;
+        const double room = f.height * (1.0 - frame::linear_share);
+        const double every = std::max(1.0, std::ceil(decades * 18.0 / room));
+        for (double p = std::pow(10.0, first); p <= f.y1; p *= std::pow(10.0, every)) {
+            if (f.y(f.ybreak) - f.y(p) < 16) continue;
             at.push_back(p);
             char buf[32];
             std::snprintf(buf, sizeof buf, p < 1e6 ? "%.0f" : "%.0e", p);
@@ -292,7 +298,7 @@ void plot_manhattan(const std::string& stem, const std::vector<snp_annotation>& 
             0.0, std::max({top, threshold, 1.0}) * 1.08};
     f.ybreak = y_break(f.y1, threshold);
     // Room above the highest point on the logarithmic part too.
-    if (f.ybreak < f.y1) f.y1 = top * 2.0;
+    if (f.ybreak < f.y1) f.y1 = f.ybreak * std::pow(top / f.ybreak, 1.08);
 
     render(stem, manhattan_width, manhattan_height, [&](cairo_t* cr) {
         background(cr);
@@ -358,7 +364,7 @@ void plot_qq(const std::string& stem, const std::vector<snp_test>& tests, double
     const double omax = observed.empty() ? 1.0 : std::max(observed.front(), 1.0);
     frame f{90, 60, qq_width - 120.0, qq_height - 150.0, 0.0, emax * 1.05, 0.0, std::max(omax, emax) * 1.05};
     f.ybreak = y_break(f.y1, emax);
-    if (f.ybreak < f.y1) f.y1 = omax * 2.0;
+    if (f.ybreak < f.y1) f.y1 = f.ybreak * std::pow(omax / f.ybreak, 1.08);
 
     render(stem, qq_width, qq_height, [&](cairo_t* cr) {
         background(cr);
