@@ -203,7 +203,7 @@ void record_inputs(const krel_type& krel, run_record& record) {
 }
 
 // The summary statistics (and plots) of the last SNP test, from its files.
-void report_snp_tests(const krel_type& krel, const run_options& opts, run_record& record) {
+void write_snp_report(const krel_type& krel, const run_options& opts, run_record& record) {
     const bool tarnelo = opts.mgwas_file != "none";
     snp_report_inputs in;
     in.genofile = opts.genofile;
@@ -225,7 +225,7 @@ void report_snp_tests(const krel_type& krel, const run_options& opts, run_record
     record.inflation = r.lambda;
 }
 
-void report_reliabilities(const krel_type& krel, bool non_genotyped_done, bool plots, run_record& record) {
+void write_reliability_report(const krel_type& krel, bool non_genotyped_done, bool plots, run_record& record) {
     reliability_inputs in;
     in.ntrait = krel.ntrait;
     in.pedigree = &krel.rel;
@@ -244,7 +244,7 @@ void run_pvalues(krel_type& krel, const run_options& opts, run_record& record) {
     if (opts.mgwas_file != "none")
         record.step("pvalue", [&] { krel.pvalue(opts.mgwas_file, opts.mgwas_effect, true); });
     if (opts.gwas_file != "none" || opts.mgwas_file != "none")
-        record.step("report_snp_tests", [&] { report_snp_tests(krel, opts, record); });
+        record.step("report_snp_tests", [&] { write_snp_report(krel, opts, record); });
 }
 
 void run_krel(const command_line& cli, const run_options& opts, run_record& record) {
@@ -272,7 +272,7 @@ void run_krel(const command_line& cli, const run_options& opts, run_record& reco
     record.step("compute_krel_geno", [&] { krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false); });
     run_pvalues(krel, opts, record);
     if (kopts.only_geno) {
-        record.step("report_reliabilities", [&] { report_reliabilities(krel, false, opts.plots, record); });
+        record.step("report_reliabilities", [&] { write_reliability_report(krel, false, opts.plots, record); });
         return;
     }
     record.step("compute_krel_notgeno", [&] { krel.compute_krel_notgeno(); });
@@ -283,7 +283,7 @@ void run_krel(const command_line& cli, const run_options& opts, run_record& reco
     else
         record.step("exact_inverse", [&] { krel.reliabilities_by_exact_inverse(); });
     record.step("write_reliabilities", [&] { write_reliability_files(krel); });
-    record.step("report_reliabilities", [&] { report_reliabilities(krel, true, opts.plots, record); });
+    record.step("report_reliabilities", [&] { write_reliability_report(krel, true, opts.plots, record); });
 }
 
 void run_gwas(const command_line& /*cli*/, const run_options& opts, run_record& record) {
