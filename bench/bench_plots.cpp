@@ -2,12 +2,14 @@
 // of 1,000,000 SNP tests on 29 chromosomes, distribution and scatter of the
 // reliabilities of 1,000,000 animals. Points that fall on the same pixels
 // are drawn once; the counters give the bytes of the PNG and PDF written.
-// The files go to the working directory.
+// The files go to the working directory. KREL_BENCH_POINTS sets another
+// number of points.
 //
 //   build/bench/bench_plots
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -19,7 +21,10 @@
 
 namespace {
 
-constexpr std::int64_t points = 1000000;
+const std::int64_t points = [] {
+    const char* n = std::getenv("KREL_BENCH_POINTS");
+    return n != nullptr && std::atoll(n) >= 29 ? std::atoll(n) : 1000000LL;
+}();
 
 struct snp_set {
     std::vector<krel::snp_annotation> snps;
