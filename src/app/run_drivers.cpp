@@ -196,7 +196,7 @@ std::vector<std::pair<std::string, std::string>> summary_options(const run_optio
 }
 
 void record_inputs(const krel_type& krel, run_record& record) {
-    record.animals = krel.getsizeped();
+    record.animals = krel.ped.nreal();
     record.genotyped = krel.ngeno;
     record.snps = krel.nsnp;
     record.traits = krel.ntrait;
@@ -230,6 +230,7 @@ void write_reliability_report(const krel_type& krel, bool non_genotyped_done, bo
     in.ntrait = krel.ntrait;
     in.pedigree = &krel.rel;
     in.genomic = &krel.final_rel;
+    in.animals = krel.ped.nreal();
     in.genotyped.assign(krel.idmap.size(), false);
     for (std::size_t level = 1; level < krel.idmap.size(); ++level) in.genotyped[level] = krel.idmap[level] != 0;
     in.non_genotyped_done = non_genotyped_done;

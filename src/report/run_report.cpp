@@ -1,5 +1,6 @@
 #include "report/run_report.h"
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <sstream>
@@ -96,7 +97,7 @@ snp_report report_snp_tests(const snp_report_inputs& in) {
 std::vector<trait_reliabilities> report_reliabilities(const reliability_inputs& in) {
     std::vector<trait_reliabilities> out;
     if (in.pedigree == nullptr || in.genomic == nullptr) return out;
-    const std::int64_t n = in.genomic->rows();
+    const std::int64_t n = std::min<std::int64_t>(in.genomic->rows(), in.animals);
     for (std::int32_t t = 1; t <= in.ntrait && t <= in.genomic->cols(); ++t) {
         reliability_groups g;
         for (std::int64_t i = 1; i <= n; ++i) {

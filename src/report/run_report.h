@@ -42,6 +42,7 @@ struct reliability_inputs {
     std::int32_t ntrait = 0;
     const dmatrix* pedigree = nullptr;  // (level, trait)
     const dmatrix* genomic = nullptr;   // (level, trait)
+    std::int64_t animals = 0;           // levels 1 to animals are animals, those above groups
     std::vector<bool> genotyped;        // by level, element 0 unused
     bool non_genotyped_done = false;    // whether the other animals have results
     double floor = 1.0e-8;              // lower bound of the genotyped animals' values

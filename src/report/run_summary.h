@@ -39,7 +39,7 @@ struct run_record {
     std::string command;  // "krel", "gwas" or empty before the parser decided
     std::vector<std::string> arguments;
     std::vector<std::pair<std::string, std::string>> options;
-    // Input sizes; -1 until known.
+    // Input sizes (animals without genetic groups); -1 until known.
     std::int64_t animals = -1, genotyped = -1, snps = -1, traits = -1;
     // The operations in the order they were entered.
     std::vector<std::string> road;
