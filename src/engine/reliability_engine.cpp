@@ -400,8 +400,11 @@ void krel_type::compute_krel_geno(bool only_geno, std::optional<std::int32_t> bl
     }
     // PLINK data keep their frequencies beside the genotypes; text genotypes
     // hold genotypes only, and take theirs from the frequency file.
+    std::vector<double> text_freq;
+    if (!is_plink)
+        for (std::int32_t j = 1; j <= nsnp; ++j) text_freq.push_back(snp_frequency(j));
     const double sum2pq = is_plink ? sum_2pq({reference.val.data(), static_cast<std::size_t>(reference.nsnp)})
-                                   : sum_2pq(freq);
+                                   : sum_2pq(text_freq);
     log.log_information("Sum of 2pq: " + realtochar(sum2pq, "(f0.3)"));
 
     compute_krel_step2(geno_to_ped);

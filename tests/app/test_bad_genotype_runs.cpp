@@ -233,7 +233,7 @@ TEST(BadGenotypeRuns, ByteOrderMarksAndChromosomeNamesAreReadThrough) {
         const auto fam = lines_of(testing::read_text(herd / "genotypes.fam"));
         for (std::size_t k = 0; k < 200; ++k) ref += fam[k].substr(0, fam[k].find(' ')) + "\n";
         dir.write("ref.txt", ref);
-        const auto r = testing::run_binary(dir, plink_args({"--ref", "ref.txt"}));
+        const auto r = testing::run_binary(dir, plink_args({"--ref", "ref.txt", "--only-geno"}));
         ASSERT_EQ(r.status, 0) << r.log << r.err;
         EXPECT_TRUE(dir.exists("OK_KREL"));
         EXPECT_TRUE(contains(r.log, "Number of genotypes : 300"));
@@ -246,7 +246,7 @@ TEST(BadGenotypeRuns, ByteOrderMarksAndChromosomeNamesAreReadThrough) {
         scratch_dir dir;
         copy_herd(dir);
         for (const std::string file : {"genotypes_spaced.txt", "frequencies.txt"}) edit_file(dir, file, with_bom);
-        const auto r = testing::run_binary(dir, text_args("genotypes_spaced.txt"));
+        const auto r = testing::run_binary(dir, testing::followed_by(text_args("genotypes_spaced.txt"), {"--only-geno"}));
         ASSERT_EQ(r.status, 0) << r.log << r.err;
         EXPECT_TRUE(dir.exists("OK_KREL"));
         EXPECT_TRUE(contains(r.log, "Number of genotypes : 300"));
