@@ -350,20 +350,16 @@ void read_genocov_spacedelimiter(const std::string& file, std::int32_t maxid, st
         for (std::int32_t s = 0; s < nsnp; ++s) {
             const std::string_view item = items[static_cast<std::size_t>(s) + 1];
             double& g = column[s];
-            const bool readable = parse_real(item, g) && std::isfinite(g);
-            if (allele_counts && !(readable && (g == 0.0 || g == 1.0 || g == 2.0)))
-                stop_at_genotype(item, s + 1, at, file, procedure);
-            if (!readable)
-                stop_with_error("The value '" + std::string(item) + "' of SNP " + inttochar(s + 1) + " on " +
-                                    line_of(at, file) + " is not a finite number",
-                                procedure);
+            if (parse_real(item, g) && std::isfinite(g)) continue;
+            if (allele_counts) stop_at_genotype(item, s + 1, at, file, procedure);
+            stop_with_error("The value '" + std::string(item) + "' of SNP " + inttochar(s + 1) + " on " +
+                                line_of(at, file) + " is not a finite number",
+                            procedure);
         }
-        if (r == 1) {
-            allele_counts = std::all_of(column, column + nsnp, [](double g) { return g == std::round(g); });
-            for (std::int32_t s = 0; s < nsnp && allele_counts; ++s)
-                if (!(column[s] == 0.0 || column[s] == 1.0 || column[s] == 2.0))
-                    stop_at_genotype(items[static_cast<std::size_t>(s) + 1], s + 1, at, file, procedure);
-        }
+        if (r == 1) allele_counts = std::all_of(column, column + nsnp, [](double g) { return g == std::round(g); });
+        for (std::int32_t s = 0; s < nsnp && allele_counts; ++s)
+            if (!(column[s] == 0.0 || column[s] == 1.0 || column[s] == 2.0))
+                stop_at_genotype(items[static_cast<std::size_t>(s) + 1], s + 1, at, file, procedure);
         check_identity(identity, maxid, at, file, procedure);
         map_identity(cov, row_lines, identity, r, at, file, procedure);
     }
