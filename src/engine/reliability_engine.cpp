@@ -7,6 +7,7 @@
 #include <cmath>
 #include <fstream>
 #include <limits>
+#include <span>
 
 #include "engine/erc_reversal.h"
 #include "engine/genomic_pev.h"
@@ -215,13 +216,10 @@ covariable_type snp_block(const covariable_type& full, std::int32_t first, std::
     return block;
 }
 
-// Sum over the SNPs of 2p(1 - p), p the frequency stored beside the genotypes.
-double sum_2pq(const covariable_type& genotypes) {
+// Sum over the SNPs of 2p(1 - p).
+double sum_2pq(std::span<const double> freq) {
     double sum = 0.0;
-    for (std::int32_t s = 1; s <= genotypes.nsnp; ++s) {
-        const double p = genotypes.val(s, 1);
-        sum += p * (1.0 - p);
-    }
+    for (const double p : freq) sum += p * (1.0 - p);
     return 2.0 * sum;
 }
 
@@ -260,6 +258,11 @@ const covariable_type& krel_type::reference_genotypes(std::vector<std::int32_t>&
         throw error_stop();
     }
     levels = read_levels(reffile, ped.nlength(), "compute_krel_geno");
+    if (levels.empty()) {
+        log.log_error("The reference file " + reffile + " lists no animals", module_name,
+                      procedure_at("compute_krel_geno"));
+        throw error_stop();
+    }
     for (const std::int32_t id : levels)
         if (static_cast<std::size_t>(id) >= geno.idmap.size() || geno.idmap[id] == 0) {
             log.log_error("The reference file " + reffile + " names level " + inttochar(id) + ", which has no genotypes",
@@ -395,7 +398,13 @@ void krel_type::compute_krel_geno(bool only_geno, std::optional<std::int32_t> bl
                       module_name, procedure_at("compute_krel_geno"));
         throw error_stop();
     }
-    const double sum2pq = sum_2pq(reference);
+    // PLINK data keep their frequencies beside the genotypes; text genotypes
+    // hold genotypes only, and take theirs from the frequency file.
+    std::vector<double> text_freq;
+    if (!is_plink)
+        for (std::int32_t j = 1; j <= nsnp; ++j) text_freq.push_back(snp_frequency(j));
+    const double sum2pq = is_plink ? sum_2pq({reference.val.data(), static_cast<std::size_t>(reference.nsnp)})
+                                   : sum_2pq(text_freq);
     log.log_information("Sum of 2pq: " + realtochar(sum2pq, "(f0.3)"));
 
     compute_krel_step2(geno_to_ped);
@@ -486,7 +495,7 @@ void krel_type::pvalue(const std::string& solfile, std::optional<std::int32_t> s
 
 double krel_type::snp_frequency(std::int32_t j) const {
     if (is_plink) return geno.val(j, 1);
-    return static_cast<std::size_t>(j) < freq.size() ? freq[j] : 0.0;
+    return j >= 1 && static_cast<std::size_t>(j) <= freq.size() ? freq[static_cast<std::size_t>(j) - 1] : 0.0;
 }
 
 void krel_type::compute_krel_notgeno() {

@@ -38,7 +38,7 @@ public:
     bool is_plink = false;
     std::int32_t nsnp = 0;
     covariable_type geno;
-    std::vector<double> freq;  // allele frequencies of text genotypes, 1-based
+    std::vector<double> freq;  // allele frequencies of text genotypes: freq[s - 1] for SNP s
     std::int32_t ngeno = 0;
     // Row of each level in the genotypes, 0 without genotypes.
     std::vector<std::int32_t> idmap;

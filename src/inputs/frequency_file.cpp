@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "util/error_stop.h"
+#include "util/fortran_format.h"
 #include "util/freeform.h"
 #include "util/logger.h"
 #include "util/numeric_helpers.h"
@@ -36,7 +37,17 @@ void readfrequency(const std::string& file, std::int32_t& n, std::vector<double>
                                          procedure);
             throw error_stop();
         }
+        check_frequency(freq[i], items[1], in.line_number(), file, module_name, procedure);
     }
+}
+
+void check_frequency(double p, std::string_view text, std::int64_t line, const std::string& file,
+                     std::string_view module, const std::string& procedure) {
+    if (p >= 0.0 && p <= 1.0) return;
+    global_logger().log_error("The allele frequency '" + std::string(text) + "' on line " + inttochar(line) + " of " +
+                                  file + " is not between 0 and 1",
+                              module, procedure);
+    throw error_stop();
 }
 
 }  // namespace krel

@@ -1,6 +1,7 @@
 #include "inputs/genotypes.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <iostream>
 #include <stdexcept>
@@ -63,6 +64,38 @@ void check_identity(std::int32_t identity, std::int32_t maxid, std::int64_t line
                             inttochar(static_cast<std::int64_t>(line)) + " of " + file +
                             " is not a pedigree level between 1 and " + inttochar(maxid),
                         procedure);
+}
+
+std::string line_of(std::int64_t line, const std::string& file) {
+    return "line " + inttochar(line) + " of " + file;
+}
+
+// One row per animal: a level met on an earlier line would leave that
+// line's row without an animal.
+void map_identity(covariable_type& cov, std::vector<std::int64_t>& row_lines, std::int32_t identity,
+                  std::int32_t row, std::int64_t line, const std::string& file, const std::string& procedure) {
+    std::int32_t& mapped = cov.idmap[static_cast<std::size_t>(identity)];
+    if (mapped != 0)
+        stop_with_error("The level " + inttochar(identity) + " on " + line_of(line, file) +
+                            " was already given on line " + inttochar(row_lines[static_cast<std::size_t>(mapped - 1)]),
+                        procedure);
+    mapped = row;
+    row_lines[static_cast<std::size_t>(row - 1)] = line;
+}
+
+// Text genotypes hold no code for a missing genotype: an allele count is 0, 1 or 2.
+[[noreturn]] void stop_at_genotype(std::string_view value, std::int32_t snp, std::int64_t line,
+                                   const std::string& file, const std::string& procedure) {
+    stop_with_error("The genotype '" + std::string(value) + "' of SNP " + inttochar(snp) + " on " +
+                        line_of(line, file) +
+                        " is not 0, 1 or 2 (text genotypes have no code for a missing genotype)",
+                    procedure);
+}
+
+[[noreturn]] void stop_at_identity(std::string_view value, std::int64_t line, const std::string& file,
+                                   const std::string& procedure) {
+    stop_with_error("The identity '" + std::string(value) + "' on " + line_of(line, file) + " is not an integer",
+                    procedure);
 }
 
 void log_counts(std::int32_t ngeno, std::int32_t nsnp) {
@@ -296,28 +329,39 @@ void read_genocov_spacedelimiter(const std::string& file, std::int32_t maxid, st
     cov.ncol = ngeno;
     cov.ngeno = ngeno;
 
+    // Every record counted above is an animal whose weight the SNP model
+    // expects: a record that cannot be read stops the run rather than
+    // leaving a column without its animal. The first record tells the
+    // coding: whole numbers only there make a file of allele counts, in
+    // which every value is 0, 1 or 2; otherwise the values are centred
+    // genotypes or covariables, taken as they stand.
     std::vector<std::string_view> items;
+    std::vector<std::int64_t> row_lines(static_cast<std::size_t>(ngeno), 0);
+    bool allele_counts = false;
     for (std::int32_t r = 1; r <= ngeno; ++r) {
         if (!in.next_record(line)) break;
+        const std::int64_t at = in.line_number();
         split_items(line, items);
         std::int32_t identity = 0;
-        if (!parse_integer(items[0], identity)) break;
+        if (!parse_integer(items[0], identity)) stop_at_identity(items[0], at, file, procedure);
         if (items.size() < static_cast<std::size_t>(nsnp) + 1)
-            stop_with_error("Fewer than " + inttochar(nsnp) + " SNPs on line " +
-                                inttochar(static_cast<std::int64_t>(in.line_number())) + " of " + file,
-                            procedure);
+            stop_with_error("Fewer than " + inttochar(nsnp) + " SNPs on " + line_of(at, file), procedure);
         double* column = cov.val.column(r);
-        bool readable = true;
-        for (std::int32_t s = 0; s < nsnp && readable; ++s)
-            readable = parse_real(items[static_cast<std::size_t>(s) + 1], column[s]);
-        if (!readable) {
-            // A record that cannot be read ends the reading; its column and
-            // those behind it stay zero.
-            std::fill(column, column + nsnp, 0.0);
-            break;
+        for (std::int32_t s = 0; s < nsnp; ++s) {
+            const std::string_view item = items[static_cast<std::size_t>(s) + 1];
+            double& g = column[s];
+            if (parse_real(item, g) && std::isfinite(g)) continue;
+            if (allele_counts) stop_at_genotype(item, s + 1, at, file, procedure);
+            stop_with_error("The value '" + std::string(item) + "' of SNP " + inttochar(s + 1) + " on " +
+                                line_of(at, file) + " is not a finite number",
+                            procedure);
         }
-        check_identity(identity, maxid, in.line_number(), file, procedure);
-        cov.idmap[static_cast<std::size_t>(identity)] = r;
+        if (r == 1) allele_counts = std::all_of(column, column + nsnp, [](double g) { return g == std::round(g); });
+        for (std::int32_t s = 0; s < nsnp && allele_counts; ++s)
+            if (!(column[s] == 0.0 || column[s] == 1.0 || column[s] == 2.0))
+                stop_at_genotype(items[static_cast<std::size_t>(s) + 1], s + 1, at, file, procedure);
+        check_identity(identity, maxid, at, file, procedure);
+        map_identity(cov, row_lines, identity, r, at, file, procedure);
     }
 }
 
@@ -359,8 +403,9 @@ void read_genocov_nodelimiter(const std::string& file, std::int32_t maxid, std::
     cov.ngeno = ngeno;
 
     std::vector<std::int32_t> work(static_cast<std::size_t>(nsnp));
+    std::vector<std::int64_t> row_lines(static_cast<std::size_t>(ngeno), 0);
     for (std::int32_t r = 1; r <= ngeno; ++r) {
-        if (!in.next(line)) break;
+        if (!in.next_record(line)) break;
         const std::string_view content = checked_line(line);
         // Derived for every line: the identity column may differ in width.
         const std::string format = derive_format_statement(nsnp, content);
@@ -375,11 +420,31 @@ void read_genocov_nodelimiter(const std::string& file, std::int32_t maxid, std::
                                 inttochar(static_cast<std::int64_t>(in.line_number())) + " of " + file,
                             procedure);
         std::int32_t identity = 0;
-        if (!read_genotype_line(format, content, identity, work)) break;
-        check_identity(identity, maxid, in.line_number(), file, procedure);
+        const std::int64_t at = in.line_number();
+        if (!read_genotype_line(format, content, identity, work)) {
+            // Either the identity or a genotype is no digit: name which.
+            const std::size_t id_end = static_cast<std::size_t>(counts[0] + counts[1]);
+            std::int32_t ignored = 0;
+            if (!parse_integer(trim(content.substr(0, id_end)), ignored))
+                stop_at_identity(trim(content.substr(0, id_end)), at, file, procedure);
+            const std::size_t first = id_end + static_cast<std::size_t>(counts[2]);
+            for (std::int32_t s = 0; s < nsnp; ++s) {
+                const char c = content[first + static_cast<std::size_t>(s)];
+                if (c < '0' || c > '9') stop_at_genotype(std::string_view(&c, 1), s + 1, at, file, procedure);
+            }
+            stop_with_error("Line " + inttochar(at) + " of " + file + " cannot be read", procedure);
+        }
+        check_identity(identity, maxid, at, file, procedure);
         double* column = cov.val.column(r);
-        for (std::int32_t s = 0; s < nsnp; ++s) column[s] = static_cast<double>(work[static_cast<std::size_t>(s)]);
-        cov.idmap[static_cast<std::size_t>(identity)] = r;
+        for (std::int32_t s = 0; s < nsnp; ++s) {
+            const std::int32_t g = work[static_cast<std::size_t>(s)];
+            if (g > 2) {
+                const char digit = static_cast<char>('0' + g);
+                stop_at_genotype(std::string_view(&digit, 1), s + 1, at, file, procedure);
+            }
+            column[s] = static_cast<double>(g);
+        }
+        map_identity(cov, row_lines, identity, r, at, file, procedure);
     }
 }
 

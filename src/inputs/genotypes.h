@@ -118,6 +118,14 @@ public:
 // otherwise text in one of two layouts. freqfile applies to PLINK only
 // ("none", "compute" or a file). maxid is the size of idmap (the highest
 // pedigree level); for PLINK a value below 1 lets the .fam decide.
+//
+// Every record of a text file is an animal: a record that cannot be read, a
+// value outside its domain or a level given twice stops the run with the
+// file, the line and the value. Text genotypes have no missing code. The
+// layout without spaces holds allele counts, so its digits are 0, 1 or 2.
+// A spaced file whose first record holds whole numbers only holds allele
+// counts as well; otherwise its values (centred genotypes, covariables) are
+// taken as they stand and must be finite.
 void readgenotype(const std::string& file, const std::string& freqfile, std::int32_t maxid,
                   std::int32_t& nsnp, std::int32_t& ngeno, covariable_type& cov, bool& isplink);
 

@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "inputs/frequency_file.h"
 #include "util/error_stop.h"
 #include "util/fortran_format.h"
 #include "util/freeform.h"
@@ -137,11 +138,16 @@ void thread_share(std::int64_t count, std::int64_t& first, std::int64_t& last) {
 }
 
 // The first item of every record of a .fam: the pedigree level of each
-// individual, in file order.
-std::vector<std::int32_t> read_fam_levels(const std::string& fam, const std::string& procedure) {
+// individual, in file order, and the line it stands on.
+struct fam_record {
+    std::int32_t level;
+    std::int64_t line;
+};
+
+std::vector<fam_record> read_fam_levels(const std::string& fam, const std::string& procedure) {
     line_reader in(fam);
     if (!in.is_open()) stop_with_io_error("The following file does not exist: " + fam, procedure);
-    std::vector<std::int32_t> levels;
+    std::vector<fam_record> levels;
     std::string line;
     while (in.next_record(line)) {
         std::int32_t level = 0;
@@ -149,19 +155,21 @@ std::vector<std::int32_t> read_fam_levels(const std::string& fam, const std::str
             stop_with_error("The first item on line " + inttochar(static_cast<std::int64_t>(in.line_number())) +
                                 " of " + fam + " is not an integer pedigree level",
                             procedure);
-        levels.push_back(level);
+        levels.push_back({level, in.line_number()});
     }
+    if (levels.empty()) stop_with_error("No individuals in " + fam, procedure);
     return levels;
 }
 
-// Records of a .bim up to the first one whose first item is not an integer.
+// Records of a .bim, one a SNP. The chromosome code is only a name here:
+// X, Y, MT or chrX count like any other.
 std::int32_t count_bim_records(const std::string& bim, const std::string& procedure) {
     line_reader in(bim);
     if (!in.is_open()) stop_with_io_error("The following file does not exist: " + bim, procedure);
     std::int32_t n = 0;
     std::string line;
-    std::int64_t chromosome = 0;
-    while (in.next_record(line) && parse_integer(first_item(line), chromosome)) ++n;
+    while (in.next_record(line)) ++n;
+    if (n == 0) stop_with_error("No SNPs in " + bim, procedure);
     return n;
 }
 
@@ -208,6 +216,7 @@ void read_frequency_file(const std::string& freqfile, const std::string& bed, dm
         split_items(line, items);
         if (items.size() < 2 || !parse_integer(items[0], ignored) || !parse_real(items[1], val(read + 1, 1)))
             break;
+        check_frequency(val(read + 1, 1), items[1], in.line_number(), freqfile, module_name, procedure);
         ++read;
     }
     if (read < nsnp)
@@ -248,11 +257,12 @@ void plinkreadbed(const std::string& file, const std::string& freqfile,
     const std::string bed = prefix + ".bed";
     const std::string fam = prefix + ".fam";
 
-    const std::vector<std::int32_t> levels = read_fam_levels(fam, procedure);
+    const std::vector<fam_record> levels = read_fam_levels(fam, procedure);
     maxfam = -1;
-    for (std::int32_t level : levels) maxfam = std::max(maxfam, level);
+    for (const fam_record& f : levels) maxfam = std::max(maxfam, f.level);
     const std::int64_t individuals = static_cast<std::int64_t>(levels.size());
-    const std::int64_t snps = count_bim_records(prefix + ".bim", procedure);
+    const std::string bim = prefix + ".bim";
+    const std::int64_t snps = count_bim_records(bim, procedure);
 
     const mapped_file in(bed);
     if (!in.opened()) stop_with_io_error("Unexpected while reading " + bed, procedure);
@@ -260,26 +270,38 @@ void plinkreadbed(const std::string& file, const std::string& freqfile,
         stop_with_error("The following file is not a Plink SNP-major bed file: " + bed, procedure);
 
     const std::int64_t bytes = individuals / 4 + (individuals % 4 != 0 ? 1 : 0);
+    // The three files describe one matrix: a .bim a line short or a .bed
+    // cut or with bytes to spare would shift or drop SNPs without a sign.
+    const auto genotype_bytes = static_cast<std::uint64_t>(in.size() - 3);
+    const auto needed = static_cast<std::uint64_t>(snps) * static_cast<std::uint64_t>(bytes);
+    if (genotype_bytes != needed)
+        stop_with_error(bed + " holds " + std::to_string(genotype_bytes) + " bytes of genotypes, but the " +
+                            inttochar(snps) + " SNPs of " + bim + " and the " + inttochar(individuals) +
+                            " individuals of " + fam + " need " + std::to_string(needed) + " (" +
+                            inttochar(bytes) + " bytes a SNP)",
+                        procedure);
+
     ival.allocate(snps, bytes);
     const std::int32_t idsize = maxid && *maxid > 0 ? *maxid : maxfam;
     idmap.assign(static_cast<std::size_t>(std::max(idsize, 0)) + 1, 0);
     for (std::size_t r = 0; r < levels.size(); ++r) {
-        const std::int32_t level = levels[r];
+        const auto [level, line] = levels[r];
         if (level < 1 || level > idsize)
             stop_with_error("The identity " + inttochar(level) + " in " + fam +
                                 " is not a pedigree level between 1 and " + inttochar(idsize),
                             procedure);
-        idmap[static_cast<std::size_t>(level)] = static_cast<std::int32_t>(r + 1);
+        std::int32_t& row = idmap[static_cast<std::size_t>(level)];
+        // One row per animal: a second row of the same level would have no animal.
+        if (row != 0)
+            stop_with_error("The level " + inttochar(level) + " on line " + inttochar(line) + " of " + fam +
+                                " was already given on line " + inttochar(levels[static_cast<std::size_t>(row - 1)].line),
+                            procedure);
+        row = static_cast<std::int32_t>(r + 1);
     }
     nsnp = static_cast<std::int32_t>(snps);
     nind = static_cast<std::int32_t>(individuals);
     nbytes = static_cast<std::int32_t>(bytes);
     global_logger().log_message("\nEach SNP for all individuals requires " + inttochar(nbytes) + " bytes.");
-
-    // A file too short for the SNPs of the .bim fails on the block that
-    // passes its end, before which nothing is used; it is noticed at once.
-    if (static_cast<std::uint64_t>(in.size() - 3) < static_cast<std::uint64_t>(snps) * static_cast<std::uint64_t>(bytes))
-        stop_with_io_error("Unexpected while reading " + bed, procedure);
 
     // Each thread transposes its own run of blocks, front to back, and owns
     // the rows of ival they fill. Genotype counts for the frequencies are

@@ -279,7 +279,7 @@ bool line_reader::next(std::string& line) {
             const std::size_t pos = static_cast<std::size_t>(static_cast<const char*>(nl) - buffer_.data());
             line.assign(buffer_.data() + begin_, pos - begin_);
             begin_ = pos + 1;
-            ++line_number_;
+            if (++line_number_ == 1) skip_utf8_bom(line);
             return true;
         }
         const std::size_t kept = end_ - begin_;
@@ -287,7 +287,7 @@ bool line_reader::next(std::string& line) {
             if (end_ > begin_) {
                 line.assign(buffer_.data() + begin_, end_ - begin_);
                 begin_ = end_;
-                ++line_number_;
+                if (++line_number_ == 1) skip_utf8_bom(line);
                 return true;
             }
             return false;
@@ -308,6 +308,22 @@ void line_reader::rewind() {
     begin_ = end_ = 0;
     eof_ = false;
     line_number_ = 0;
+}
+
+namespace {
+constexpr std::string_view utf8_bom = "\xEF\xBB\xBF";
+}  // namespace
+
+bool skip_utf8_bom(std::string& line) {
+    if (!line.starts_with(utf8_bom)) return false;
+    line.erase(0, utf8_bom.size());
+    return true;
+}
+
+bool skip_utf8_bom(std::string_view& line) {
+    if (!line.starts_with(utf8_bom)) return false;
+    line.remove_prefix(utf8_bom.size());
+    return true;
 }
 
 bool file_exists(const std::string& file) {

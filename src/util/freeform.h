@@ -118,7 +118,8 @@ bool parse_integer(std::string_view item, std::int32_t& value);
 bool parse_real(std::string_view item, double& value);
 
 // Sequential, buffered reading of the lines of a text file. A line is given
-// without its line end; the last line needs none.
+// without its line end; the last line needs none. A byte-order mark at the
+// start of the file is dropped (see skip_utf8_bom).
 class line_reader {
 public:
     explicit line_reader(const std::string& file);
@@ -148,5 +149,11 @@ private:
 };
 
 bool file_exists(const std::string& file);
+
+// Spreadsheet programs start the text files they export with a UTF-8
+// byte-order mark, which is no part of the first value. Removes it from the
+// start of a file's first line; true when there was one.
+bool skip_utf8_bom(std::string& line);
+bool skip_utf8_bom(std::string_view& line);
 
 }  // namespace krel

@@ -198,22 +198,6 @@ TEST_F(PlinkRead, IndividualMajorOrForeignFilesAreRefused) {
     }
 }
 
-TEST_F(PlinkRead, TruncatedBedStops) {
-    // 40 SNPs of 2 bytes, the file cut inside the third block.
-    write_fileset(dir_, {1, 2, 3, 4, 5}, pattern_codes(40, 5));
-    const std::string full = dir_.read("g.bed");
-    dir_.write("g.bed", full.substr(0, full.size() - 3));
-    EXPECT_THROW(read(dir_), error_stop);
-    EXPECT_TRUE(contains(log_.text(), "I/O ERROR: Unexpected while reading " + (dir_ / "g.bed").string()));
-}
-
-TEST_F(PlinkRead, BimCountStopsAtANonNumericChromosome) {
-    write_fileset(dir_, {1, 2, 3}, pattern_codes(4, 3));
-    dir_.write("g.bim", "1 a 0 1 A G\n2 b 0 2 A G\nX c 0 3 A G\n3 d 0 4 A G\n");
-    const read_result r = read(dir_);
-    EXPECT_EQ(r.nsnp, 2);
-}
-
 TEST_F(PlinkRead, FamWithoutIntegerLevelsOrLevelsBeyondMaxidStops) {
     write_fileset(dir_, {1, 2, 3}, pattern_codes(2, 3));
     dir_.write("g.fam", "1 1 0 0 1 -9\nA7 A7 0 0 1 -9\n3 3 0 0 1 -9\n");
