@@ -240,13 +240,15 @@ int krel_program(int argc, char** argv) {
         command_line cli(unit);
         const int parsed = cli.parse(args);
         if (parsed != parse_ok) {
-            endheader(program_word);
+            // Help and the version are served in full; a parser error is no finished run.
+            endheader(program_word, parsed < 0);
             return parsed < 0 ? 0 : 1;
         }
         for (const std::string& arg : cli.ignored_arguments())
             log.log_warning("Unknown argument ignored: " + arg);
         const run_options opts = read_common_options(cli);
         echo_common_options(opts);
+        check_option_values(opts);
         if (cli.is_called_group(krel_group)) {
             run_krel(cli, opts);
         } else if (cli.is_called_group(gwas_group)) {
