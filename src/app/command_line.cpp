@@ -370,8 +370,9 @@ const std::vector<std::string>& command_line::ignored_arguments() const { return
 
 void check_option_values(const run_options& opts) {
     std::string problem;
-    if (opts.effect < 1)
-        problem = "--effect must give the number of the animal effect, 1 or more, not " + std::to_string(opts.effect);
+    if (opts.effect < 1 || opts.effect > max_effect_number)
+        problem = "--effect must give the number of the animal effect, from 1 to " + std::to_string(max_effect_number) +
+                  ", not " + std::to_string(opts.effect);
     else if (!(opts.beta >= 0.0 && opts.beta <= 1.0))
         problem = "--beta must lie between 0 and 1, not " + realtochar(opts.beta, "(g0.6)");
     if (problem.empty()) return;

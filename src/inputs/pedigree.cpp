@@ -261,6 +261,7 @@ void pedigree_type::readpedigree_max(const std::string& file, std::int32_t nleve
     finalise();
     pedfile = file;
     allocate(nlevels, groups);
+    std::int64_t group_records = 0;
     stream_pedigree(file, "readpedigree_max", [&](const std::vector<ped_record>& batch) {
         for (const auto& r : batch) {
             if (r.id > nlevels_ || r.sire > nlevels_ || r.dam > nlevels_)
@@ -268,10 +269,19 @@ void pedigree_type::readpedigree_max(const std::string& file, std::int32_t nleve
                                    std::to_string(std::max({r.id, r.sire, r.dam})) + ", above the " +
                                    std::to_string(nlevels_) + " levels expected",
                                "readpedigree_max");
+            group_records += r.id > nreal();
             ped(1, r.id) = r.sire;
             ped(2, r.id) = r.dam;
         }
     });
+    // A group stands for unknown parents; a record of its own tells of a
+    // numbering that puts animals among the groups.
+    if (group_records > 0)
+        global_logger().log_warning("The pedigree file " + file + " gives " + std::to_string(group_records) +
+                                        " records to genetic groups (levels above " + inttochar(nreal()) +
+                                        "): groups stand for unknown parents and have no records of their own",
+                                    module_name, procedure_at("readpedigree_max"));
+    warn_unused_groups();
 }
 
 void pedigree_type::readmetarel(const std::string& file, std::int32_t effect) {

@@ -53,6 +53,7 @@ TEST(bad_model_runs, StopWithTheFileOrOptionNamedAndNoMarker) {
     const std::vector<bad_run> cases = {
         {{"--effect", "-1", "--pev", "pev.txt"}, none, "--effect must give the number of the animal effect"},
         {{"--effect", "0", "--pev", "pev.txt"}, none, "--effect must give the number of the animal effect"},
+        {{"--effect", "10000", "--pev", "pev.txt"}, none, "from 1 to 9999, not 10000"},
         {{"--effect", "2", "--pev", "pev.txt"}, none, "The PEV file pev.txt holds no record of the effect 2"},
         {{"--effect", "1", "--pev", "pev.txt", "--beta", "1.5"}, none, "--beta must lie between 0 and 1"},
         {{"--effect", "1", "--pev", "pev.txt", "--beta", "-0.1"}, none, "--beta must lie between 0 and 1"},

@@ -191,6 +191,12 @@ TEST(bad_model_inputs, PedigreeReadingThatEndsEarlyIsReported) {
         EXPECT_TRUE(contains(log.text(), "gives 5 genetic groups (levels 4 to 8), of which 3 are parents of no animal"))
             << log.text();
     }
+    // With the sizes given, a record of a group level is named.
+    log_capture log;
+    dir.write("ped.txt", join("\n") + "7 0 0\n");
+    pedigree_type p;
+    p.readpedigree_max(file, 8, 2);
+    EXPECT_TRUE(contains(log.text(), file + " gives 1 records to genetic groups (levels above 6)")) << log.text();
 }
 
 TEST(bad_model_inputs, InbreedingOutsideItsDomain) {
