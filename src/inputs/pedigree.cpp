@@ -99,9 +99,15 @@ std::pair<std::int64_t, std::string> line_at(const std::string& file, std::uint6
     std::ifstream in(file, std::ios::binary);
     std::int64_t line = 1;
     char previous = 0;
-    std::uint64_t at = 0;
-    for (char c; at < offset && in.get(c); ++at, previous = c)
-        if (c == '\n' || previous == '\r') ++line;  // a carriage return ends a line only when alone
+    std::vector<char> block(std::size_t{1} << 20);
+    for (std::uint64_t left = offset; left > 0 && in;) {
+        in.read(block.data(), static_cast<std::streamsize>(std::min<std::uint64_t>(left, block.size())));
+        const auto got = static_cast<std::size_t>(in.gcount());
+        if (got == 0) break;
+        for (std::size_t k = 0; k < got; previous = block[k++])
+            if (block[k] == '\n' || previous == '\r') ++line;  // a carriage return ends a line only when alone
+        left -= got;
+    }
     if (previous == '\r') ++line;
     std::string text;
     for (char c; in.get(c) && c != '\n' && c != '\r' && text.size() < 200;) text += c;
