@@ -13,6 +13,9 @@
 #include <CLI/CLI.hpp>
 
 #include "app/run_header.h"
+#include "util/error_stop.h"
+#include "util/fortran_format.h"
+#include "util/logger.h"
 #include "util/numeric_helpers.h"
 
 namespace krel {
@@ -366,6 +369,18 @@ bool command_line::is_called_group(std::string_view group) const {
 }
 
 const std::vector<std::string>& command_line::ignored_arguments() const { return impl_->ignored; }
+
+void check_option_values(const run_options& opts) {
+    std::string problem;
+    if (opts.effect < 1 || opts.effect > max_effect_number)
+        problem = "--effect must give the number of the animal effect, from 1 to " + std::to_string(max_effect_number) +
+                  ", not " + std::to_string(opts.effect);
+    else if (!(opts.beta >= 0.0 && opts.beta <= 1.0))
+        problem = "--beta must lie between 0 and 1, not " + realtochar(opts.beta, "(g0.6)");
+    if (problem.empty()) return;
+    global_logger().log_error(problem);
+    throw error_stop();
+}
 
 std::string command_line::usage() const { return impl_->app.help(); }
 

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/run_options.h"
 #include "util/freeform.h"
 
 namespace krel {
@@ -83,6 +84,13 @@ private:
     struct impl;
     std::unique_ptr<impl> impl_;
 };
+
+// Values that no run can use: an animal effect below 1 would index before
+// the first effect, and the arrays by effect are as long as its number, so
+// it has the four digits of the other effect numbers at most; beta is a
+// share. Logged, then the run stops.
+inline constexpr std::int32_t max_effect_number = 9999;
+void check_option_values(const run_options& opts);
 
 // Fortran "(i4)" reading: only the first four columns count, blanks in them
 // are ignored, all blanks read as 0.

@@ -342,8 +342,9 @@ int krel_program(int argc, char** argv) {
         command_line cli(unit);
         const int parsed = cli.parse(args);
         if (parsed != parse_ok) {
-            endheader(program_word);
-            // Help and version texts are no run; a refused command line is.
+            // Help and the version are served in full; a parser error is no
+            // finished run, though its summary is written.
+            endheader(program_word, parsed < 0);
             if (parsed < 0) return 0;
             return finish_summary(record, 1, "The command line was not accepted");
         }
@@ -352,6 +353,7 @@ int krel_program(int argc, char** argv) {
         const run_options opts = read_common_options(cli);
         echo_common_options(opts);
         record.options = summary_options(opts);
+        check_option_values(opts);
         if (cli.is_called_group(krel_group)) {
             record.command = krel_group;
             run_krel(cli, opts, record);

@@ -110,7 +110,7 @@ void header(std::string_view name, std::string_view version, std::string_view co
     std::filesystem::remove(marker_file(name), ec);
 }
 
-void endheader(std::string_view name) {
+void endheader(std::string_view name, bool completed) {
     auto& log = global_logger();
     log.configure(std::nullopt, false);
     log.log_message(banner_rule);
@@ -121,7 +121,7 @@ void endheader(std::string_view name) {
                     realtochar(omp_get_wtime() - starttime, "(f0.2)"));
     log.log_message("");
     log.log_message(banner_rule);
-    std::ofstream marker(marker_file(name), std::ios::out | std::ios::trunc);
+    if (completed) std::ofstream marker(marker_file(name), std::ios::out | std::ios::trunc);
 }
 
 }  // namespace krel

@@ -17,7 +17,8 @@ void run_script(const std::string& name);
 void header(std::string_view name, std::string_view version = {}, std::string_view commit = {});
 void write_nameprog(std::string_view name);
 void write_time(std::string_view prefix = {});
-void endheader(std::string_view name);
+// The closing lines; the marker file only when the run did its work.
+void endheader(std::string_view name, bool completed = true);
 
 // Name of the marker file of a completed run.
 std::string marker_file(std::string_view name);

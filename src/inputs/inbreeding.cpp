@@ -16,6 +16,7 @@
 #include "util/fortran_format.h"
 #include "util/freeform.h"
 #include "util/logger.h"
+#include "util/numeric_helpers.h"
 #include "util/run_timer.h"
 
 namespace krel {
@@ -514,8 +515,7 @@ namespace {
 // One free-form record of the cache or of an inbreeding file: level and
 // value. Blank records are skipped; false at the end of the file or on a
 // record that does not read, with the I/O status in io.
-bool read_level_value(record_reader& in, std::int32_t& level, double& value, int& io) {
-    std::string_view record;
+bool read_level_value(record_reader& in, std::int32_t& level, double& value, int& io, std::string_view& record) {
     do {
         if (!in.next(record)) {
             io = iostat_end;
@@ -536,6 +536,22 @@ void check_level(std::int32_t level, std::int32_t n, const std::string& file, co
         inbreeding_error("The file " + file + " gives an inbreeding coefficient to level " + inttochar(level) +
                              ", outside the pedigree's levels 1 to " + inttochar(n),
                          routine);
+}
+
+// An inbreeding coefficient is a probability, and 1 + F scales the genetic
+// variance of the animal: a value outside [0, 1) would turn its PEV and
+// reliability into nonsense or NaN.
+void check_coefficient(double value, std::int32_t level, const record_reader& in, std::string_view record,
+                       const char* routine, const char* advice = "") {
+    if (value >= 0.0 && value < 1.0) return;
+    item_cursor items(record);
+    std::string_view written;
+    items.next_word(written);
+    items.next_word(written);
+    inbreeding_error("The file " + in.file() + " gives level " + inttochar(level) + " the inbreeding coefficient " +
+                         printable_excerpt(written) + " at line " + std::to_string(in.line_number()) +
+                         ", outside [0, 1)" + advice,
+                     routine);
 }
 
 // "(i0,1x,f0.6)" for the cache, written fast: the same text as
@@ -608,8 +624,11 @@ void pedigree_type::computeinbreeding_ped(const std::optional<std::string>& outd
                 for (; k < n; ++k) {
                     std::int32_t level = 0;
                     double value = 0.0;
-                    if (!read_level_value(in, level, value, io)) break;
+                    std::string_view line;
+                    if (!read_level_value(in, level, value, io, line)) break;
                     check_level(level, n, cache, "computeinbreeding_ped");
+                    check_coefficient(value, level, in, line, "computeinbreeding_ped",
+                                      "; remove the file to have the coefficients computed afresh");
                     inb[level] = value;
                 }
                 if (k == n) {
@@ -728,17 +747,26 @@ void pedigree_type::readinbreeding(const std::string& file) {
         if (!items.next_word(first)) break;
         if (first.front() == '#') continue;
         item_cursor values(record);
-        if (!values.next_int(level) || !values.next_real(value)) break;
+        if (!values.next_int(level) || !values.next_real(value)) {
+            // Among the first lines a record that does not read is passed over.
+            global_logger().log_warning("The file " + file + ": line " + std::to_string(in.line_number()) +
+                                        " does not read as a level and an inbreeding coefficient (\"" +
+                                        printable_excerpt(record) + "\") and is passed over");
+            break;
+        }
         check_level(level, n, file, "readinbreeding");
+        check_coefficient(value, level, in, record, "readinbreeding");
         ++c;
         inb[level] = value;
     }
     // From here a comment, like any record that does not read, ends the file.
-    while (read_level_value(in, level, value, io)) {
+    while (read_level_value(in, level, value, io, record)) {
         check_level(level, n, file, "readinbreeding");
+        check_coefficient(value, level, in, record, "readinbreeding");
         ++c;
         inb[level] = value;
     }
+    if (io == iostat_bad_value) warn_reading_stopped(in, record);
     global_logger().log_message("Number of inbreeding coefficients read from " + file + ": " + inttochar(c));
 }
 

@@ -20,6 +20,12 @@ constexpr const char* module_reverse = "modreverse";
 void krel_abstract::read_model_files() {
     auto& log = global_logger();
     ped.readpedigree_nomax(pedfile);
+    if (ped.nlength() == 0) {
+        // Every later file would be blamed for levels outside an empty pedigree.
+        log.log_error("The pedigree file " + pedfile + " holds no animal", module_reverse,
+                      procedure_at("readdata_asci_abstract"));
+        throw error_stop();
+    }
     ped.getorder(order);
     if (inbfile == "none")
         ped.computeinbreeding_ped();
@@ -86,13 +92,18 @@ void krel_abstract::read_model_files() {
     const std::int32_t n = ped.nlength();
     pev.resize(n, ntrait);
     rel.resize(n, ntrait);
-    if (pevfile != "none") readsol(pevfile, effect, pev);
-    if (relfile != "none") readsol_tarnelo(relfile, rel);
     if ((pevfile == "none") == (relfile == "none")) {
         log.log_error("A pedfile or relfile must be at least provided", module_reverse,
                       procedure_at("readdata_asci_abstract"));
         throw error_stop();
     }
+    if (pevfile != "none" && readsol(pevfile, effect, pev) == 0) {
+        log.log_error("The PEV file " + pevfile + " holds no record of the effect " + inttochar(effect) +
+                          " given by --effect",
+                      module_reverse, procedure_at("readdata_asci_abstract"));
+        throw error_stop();
+    }
+    if (relfile != "none") readsol_tarnelo(relfile, rel);
     // Inbreeding enters whatever the model says about it: these are the
     // pedigree-based values, and F is part of the animal's own variance.
     for (std::int32_t t = 1; t <= ntrait; ++t) {
@@ -103,6 +114,37 @@ void krel_abstract::read_model_files() {
                 rel(i, t) = 1.0 - pev(i, t) / std::fma(f, g, g);
             else
                 pev(i, t) = g * (1.0 - rel(i, t)) * (1.0 + f);
+        }
+    }
+    check_pedigree_reliabilities();
+}
+
+void krel_abstract::check_pedigree_reliabilities() const {
+    // A reliability of 1 (a PEV of 0, or an animal the PEV file leaves out)
+    // is infinite information, and one outside [0, 1) is no reliability:
+    // either turns the reversal of every related animal into NaN. The groups
+    // take no part in the reversal. The bound of a PEV leaves room for the
+    // rounding of the files.
+    const bool given_pev = pevfile != "none";
+    const std::string& file = given_pev ? pevfile : relfile;
+    for (std::int32_t t = 1; t <= ntrait; ++t) {
+        const double g = gvar[effect](t, t);
+        for (std::int32_t i = 1; i <= ped.nreal(); ++i) {
+            const double r = rel(i, t);
+            if (r >= 0.0 && r < 1.0) continue;
+            if (r < 0.0 && given_pev && pev(i, t) <= g * (1.0 + ped.inb[i]) * (1.0 + 1e-5)) continue;
+            std::string why;
+            if (!given_pev)
+                why = " the reliability " + realtochar(r, "(g0.6)") + ", outside [0, 1)";
+            else if (pev(i, t) == 0.0)
+                why = " no PEV above 0 (a PEV of 0, or no record, makes its reliability 1)";
+            else
+                why = " the PEV " + realtochar(pev(i, t), "(g0.6)") + ", outside (0, " +
+                      realtochar(g * (1.0 + ped.inb[i]), "(g0.6)") + "], the genetic variance times 1 + F";
+            global_logger().log_error("The " + std::string(given_pev ? "PEV" : "REL") + " file " + file +
+                                          " gives level " + inttochar(i) + " (trait " + inttochar(t) + ")" + why,
+                                      module_reverse, procedure_at("readdata_asci_abstract"));
+            throw error_stop();
         }
     }
 }

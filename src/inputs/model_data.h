@@ -37,6 +37,11 @@ public:
 
     std::int32_t getsizeped() const { return ped.nlength(); }
     virtual void read_model_files();
+
+private:
+    // Stops on a pedigree PEV or reliability of a real animal that no
+    // reliability in [0, 1) stands for.
+    void check_pedigree_reliabilities() const;
 };
 
 }  // namespace krel

@@ -35,6 +35,7 @@ struct ped_record {
 struct piece_result {
     std::vector<ped_record> records;
     bool stopped = false;
+    std::size_t stop_offset = 0;  // where the record that ended the reading starts
     std::string bad_record;
 };
 
@@ -75,9 +76,11 @@ void parse_piece(std::string_view text, piece_result& out) {
         for (auto& x : v)
             if (!fast_int_item(p, x)) {
                 out.stopped = true;
+                out.stop_offset = static_cast<std::size_t>(line - text.data());
                 return;
             }
-        while (*p != '\n') ++p;
+        // A carriage return alone ends a record as well, as old Mac files have it.
+        while (*p != '\n' && *p != '\r') ++p;
         if (v[0] < 1 || v[1] < 0 || v[2] < 0 || v[0] > std::numeric_limits<std::int32_t>::max() ||
             v[1] > std::numeric_limits<std::int32_t>::max() || v[2] > std::numeric_limits<std::int32_t>::max()) {
             out.bad_record.assign(line, static_cast<std::size_t>(p - line));
@@ -87,6 +90,28 @@ void parse_piece(std::string_view text, piece_result& out) {
         out.records.push_back(
             {static_cast<std::int32_t>(v[0]), static_cast<std::int32_t>(v[1]), static_cast<std::int32_t>(v[2])});
     }
+}
+
+// The text and the number of the line that starts at byte `offset` of the
+// file; lines end at a line feed or at a carriage return alone. Only for a
+// warning: the file is read again up to there.
+std::pair<std::int64_t, std::string> line_at(const std::string& file, std::uint64_t offset) {
+    std::ifstream in(file, std::ios::binary);
+    std::int64_t line = 1;
+    char previous = 0;
+    std::vector<char> block(std::size_t{1} << 20);
+    for (std::uint64_t left = offset; left > 0 && in;) {
+        in.read(block.data(), static_cast<std::streamsize>(std::min<std::uint64_t>(left, block.size())));
+        const auto got = static_cast<std::size_t>(in.gcount());
+        if (got == 0) break;
+        for (std::size_t k = 0; k < got; previous = block[k++])
+            if (block[k] == '\n' || previous == '\r') ++line;  // a carriage return ends a line only when alone
+        left -= got;
+    }
+    if (previous == '\r') ++line;
+    std::string text;
+    for (char c; in.get(c) && c != '\n' && c != '\r' && text.size() < 200;) text += c;
+    return {line, text};
 }
 
 [[noreturn]] void pedigree_error(const std::string& message, const char* routine) {
@@ -118,6 +143,8 @@ void stream_pedigree(const std::string& file, const char* routine, Sink&& sink) 
     std::vector<piece_result> results(threads);
     std::size_t bounds[65];
     bool at_end = false;
+    std::uint64_t chunk_start = 0;  // file offset of buffer[0]
+    bool first_chunk = true;
     while (!at_end) {
         if (buffer.size() - left < chunk / 2) buffer.resize(buffer.size() * 2);  // a very long line
         const ssize_t got = ::read(fd, buffer.data() + left, buffer.size() - left);
@@ -139,7 +166,11 @@ void stream_pedigree(const std::string& file, const char* routine, Sink&& sink) 
             const auto nl = std::string_view(buffer.data(), size).rfind('\n');
             cut = nl == std::string_view::npos ? 0 : nl + 1;
         }
-        const std::string_view text(buffer.data(), cut);
+        std::string_view text(buffer.data(), cut);
+        if (first_chunk && cut > 0) {
+            skip_utf8_bom(text);
+            first_chunk = false;
+        }
         const std::size_t pieces = split_at_lines(text, threads, bounds);
 #pragma omp parallel for schedule(static, 1)
         for (std::size_t k = 0; k < pieces; ++k) {
@@ -154,10 +185,21 @@ void stream_pedigree(const std::string& file, const char* routine, Sink&& sink) 
                                    " holds a record whose identity is not positive or whose parent is negative: \"" +
                                    std::string(trim(results[k].bad_record)) + "\"",
                                routine);
-            if (results[k].stopped) return;
+            if (results[k].stopped) {
+                const std::uint64_t at = chunk_start + static_cast<std::uint64_t>(text.data() - buffer.data()) +
+                                         bounds[k] + results[k].stop_offset;
+                const auto [line, record] = line_at(file, at);
+                global_logger().log_warning(
+                    "The pedigree file " + file + " is read up to line " + std::to_string(line - 1) + " only: line " +
+                        std::to_string(line) + " does not read as three integers (\"" + printable_excerpt(record) +
+                        "\"), and the lines from there on are ignored",
+                    module_name, procedure_at(routine));
+                return;
+            }
         }
         left = size - cut;
         std::memmove(buffer.data(), buffer.data() + cut, left);
+        chunk_start += cut;
     }
 }
 
@@ -197,12 +239,35 @@ void pedigree_type::readpedigree_nomax(const std::string& file) {
     nlevels_ = maxall;
     nupg = maxall - maxid;
     ped_.resize(2 * (static_cast<std::size_t>(maxall) + 1), 0);
+    warn_unused_groups();
+}
+
+void pedigree_type::warn_unused_groups() const {
+    // Groups are the levels above the highest identity: a file read only
+    // in part, or animals numbered above their groups, makes groups of
+    // animals, which then are parents of no one or stand behind animals
+    // that have records of their own.
+    if (nupg <= 0) return;
+    const std::int32_t first = nreal() + 1;
+    std::vector<char> used(static_cast<std::size_t>(nupg), 0);
+    for (std::int32_t i = 1; i <= nlevels_; ++i)
+        for (const std::int32_t p : {sire(i), dam(i)})
+            if (p >= first) used[static_cast<std::size_t>(p - first)] = 1;
+    const auto unused = std::count(used.begin(), used.end(), 0);
+    if (unused == 0) return;
+    global_logger().log_warning("The pedigree file " + pedfile.value_or("") + " gives " + inttochar(nupg) +
+                                    " genetic groups (levels " + inttochar(first) + " to " + inttochar(nlevels_) +
+                                    "), of which " + std::to_string(unused) +
+                                    " are parents of no animal: groups must be numbered above all animals, and "
+                                    "levels above the highest animal that no record names still count as groups",
+                                module_name, procedure_at("readpedigree_nomax"));
 }
 
 void pedigree_type::readpedigree_max(const std::string& file, std::int32_t nlevels, std::int32_t groups) {
     finalise();
     pedfile = file;
     allocate(nlevels, groups);
+    std::int64_t group_records = 0;
     stream_pedigree(file, "readpedigree_max", [&](const std::vector<ped_record>& batch) {
         for (const auto& r : batch) {
             if (r.id > nlevels_ || r.sire > nlevels_ || r.dam > nlevels_)
@@ -210,10 +275,19 @@ void pedigree_type::readpedigree_max(const std::string& file, std::int32_t nleve
                                    std::to_string(std::max({r.id, r.sire, r.dam})) + ", above the " +
                                    std::to_string(nlevels_) + " levels expected",
                                "readpedigree_max");
+            group_records += r.id > nreal();
             ped(1, r.id) = r.sire;
             ped(2, r.id) = r.dam;
         }
     });
+    // A group stands for unknown parents; a record of its own tells of a
+    // numbering that puts animals among the groups.
+    if (group_records > 0)
+        global_logger().log_warning("The pedigree file " + file + " gives " + std::to_string(group_records) +
+                                        " records to genetic groups (levels above " + inttochar(nreal()) +
+                                        "): groups stand for unknown parents and have no records of their own",
+                                    module_name, procedure_at("readpedigree_max"));
+    warn_unused_groups();
 }
 
 void pedigree_type::readmetarel(const std::string& file, std::int32_t effect) {

@@ -84,6 +84,9 @@ public:
     void computeasparse_ped(coosparse& asparse, std::optional<std::int32_t> n = std::nullopt) const;
 
 private:
+    // Warns about genetic groups that are parents of no animal.
+    void warn_unused_groups() const;
+
     std::int32_t nlevels_ = 0;
     std::vector<std::int32_t> ped_;  // sire and dam of each level, level 0 unused
 };

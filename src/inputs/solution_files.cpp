@@ -1,5 +1,6 @@
 #include "inputs/solution_files.h"
 
+#include <cmath>
 #include <vector>
 
 #include "util/error_stop.h"
@@ -52,10 +53,22 @@ void check_place(const dmatrix& array, std::int64_t level, std::int64_t trait, c
     throw error_stop();
 }
 
+// A NaN or an infinity read as a PEV, a reliability or a SNP effect would
+// pass into every result computed from it.
+void require_finite(double value, const record_reader& in, std::string_view record, const char* module,
+                    const char* routine) {
+    if (std::isfinite(value)) return;
+    global_logger().log_error("The file " + in.file() + " holds a value that is not a finite number at line " +
+                                  std::to_string(in.line_number()) + ": \"" + printable_excerpt(record) + "\"",
+                              module, procedure_at(routine));
+    throw error_stop();
+}
+
 }  // namespace
 
-void readsol(const std::string& file, std::int32_t effect, dmatrix& array, bool use_column_4) {
+std::int64_t readsol(const std::string& file, std::int32_t effect, dmatrix& array, bool use_column_4) {
     wtime clock;
+    std::int64_t stored = 0;
     record_reader in = open_solutions(file, module_reverse, "readsol");
     require_columns(in, 5, file, module_reverse, "readsol");
     std::string_view record;
@@ -65,15 +78,20 @@ void readsol(const std::string& file, std::int32_t effect, dmatrix& array, bool 
         std::int64_t trait = 0, eff = 0, level = 0, original = 0;
         std::string_view word;
         double value = 0.0;
-        if (!items.next_int(trait) || !items.next_int(eff) || !items.next_int(level)) break;
-        if (use_column_4 ? !items.next_int(original) : !items.next_word(word)) break;
-        if (!items.next_real(value)) break;
+        if (!items.next_int(trait) || !items.next_int(eff) || !items.next_int(level) ||
+            (use_column_4 ? !items.next_int(original) : !items.next_word(word)) || !items.next_real(value)) {
+            warn_reading_stopped(in, record);
+            break;
+        }
         if (eff != effect) continue;
         if (use_column_4) level = original;
         check_place(array, level, trait, file, module_reverse, "readsol");
+        require_finite(value, in, record, module_reverse, "readsol");
         array(level, trait) = value;
+        ++stored;
     }
     global_logger().log_message("Elapsed time (s) to read solutions : " + realtochar(clock.elapsed(), "(f0.3)"));
+    return stored;
 }
 
 void readsol_tarnelo(const std::string& file, dmatrix& array) {
@@ -88,11 +106,14 @@ void readsol_tarnelo(const std::string& file, dmatrix& array) {
         item_cursor items(record);
         std::int64_t level = 0;
         std::string_view unused;
-        if (!items.next_int(level) || !items.next_word(unused) || !items.next_word(unused)) break;
-        bool ok = true;
+        bool ok = items.next_int(level) && items.next_word(unused) && items.next_word(unused);
         for (double& v : values) ok = ok && items.next_real(v);
-        if (!ok) break;
+        if (!ok) {
+            warn_reading_stopped(in, record);
+            break;
+        }
         check_place(array, level, 1, file, module_reverse, "readsol_tarnelo");
+        for (double v : values) require_finite(v, in, record, module_reverse, "readsol_tarnelo");
         for (std::int32_t t = 1; t <= ntrait; ++t) array(level, t) = values[t - 1];
     }
     global_logger().log_message("Elapsed time (s) to read Tarnelo solutions : " +
@@ -112,9 +133,12 @@ void readsol_tarnelo_reg(const std::string& file, std::int32_t effect, dmatrix& 
         std::string_view unused;
         double value = 0.0;
         if (!items.next_int(trait) || !items.next_word(unused) || !items.next_int(level) || !items.next_int(eff) ||
-            !items.next_real(value))
+            !items.next_real(value)) {
+            warn_reading_stopped(in, record);
             break;
+        }
         if (eff != effect) continue;
+        require_finite(value, in, record, module_krel, "readsol_tarnelo_reg");
         if (trait > array.cols()) {
             global_logger().log_warning("More traits in the file " + file + " for effect " + inttochar(effect) +
                                             " than allowed traits." + " Additional traits will be ignored.",

@@ -3,12 +3,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "util/dense_linear_algebra.h"
 #include "util/error_stop.h"
 #include "util/fortran_format.h"
 #include "util/freeform.h"
 #include "util/logger.h"
+#include "util/numeric_helpers.h"
 
 namespace krel {
 
@@ -25,6 +27,19 @@ record_reader open_or_stop(const std::string& file, const char* routine) {
     return in;
 }
 
+[[noreturn]] void stop_with(const std::string& message, const char* routine) {
+    global_logger().log_error(message, module_name, procedure_at(routine));
+    throw error_stop();
+}
+
+// A NaN or an infinity in a (co)variance would reach every reliability.
+void require_finite(double v, const record_reader& in, std::string_view record, const char* routine) {
+    if (std::isfinite(v)) return;
+    stop_with("The file " + in.file() + " holds a value that is not a finite number at line " +
+                  std::to_string(in.line_number()) + ": \"" + printable_excerpt(record) + "\"",
+              routine);
+}
+
 }  // namespace
 
 void readh2(const std::string& file, std::int32_t& n, std::vector<double>& h2) {
@@ -35,10 +50,21 @@ void readh2(const std::string& file, std::int32_t& n, std::vector<double>& h2) {
         if (blank_record(record)) continue;
         item_cursor items(record);
         double v = 0.0;
-        if (!items.next_real(v)) break;
+        if (!items.next_real(v)) {
+            warn_reading_stopped(in, record);
+            break;
+        }
+        // 0 and 1 leave no genetic or no residual variance, and the one
+        // derived from the other would divide by zero.
+        if (!(v > 0.0 && v < 1.0))
+            stop_with("The heritability file " + file + " gives the heritability " + printable_excerpt(trim(record)) +
+                          " at line " + std::to_string(in.line_number()) +
+                          ": a heritability must lie between 0 and 1, both excluded",
+                      "readh2");
         h2.push_back(v);
     }
     n = static_cast<std::int32_t>(h2.size()) - 1;
+    if (n == 0) stop_with("The heritability file " + file + " holds no heritability", "readh2");
 }
 
 void readgf(const std::string& file, std::int32_t effect, std::int32_t ntrait, dmatrix& gvar) {
@@ -53,7 +79,10 @@ void readgf(const std::string& file, std::int32_t effect, std::int32_t ntrait, d
             if (blank_record(record)) continue;
             item_cursor items(record);
             ok = true;
-            for (std::int32_t u = 1; u <= t && ok; ++u) ok = items.next_real(gvar(t, u));
+            for (std::int32_t u = 1; u <= t && ok; ++u) {
+                ok = items.next_real(gvar(t, u));
+                if (ok) require_finite(gvar(t, u), in, record, "readgf");
+            }
             break;
         }
         if (!ok) {
@@ -63,6 +92,8 @@ void readgf(const std::string& file, std::int32_t effect, std::int32_t ntrait, d
         }
         for (std::int32_t u = 1; u < t; ++u) gvar(u, t) = gvar(t, u);
     }
+    if (!ispositive(gvar, ntrait))
+        stop_with("The (co)variance matrix of the file " + file + " is not positive definite", "readgf");
 }
 
 void readrf(const std::string& file, std::int32_t& ntrait, std::vector<dmatrix>& rmat) {
@@ -85,8 +116,10 @@ void readrf(const std::string& file, std::int32_t& ntrait, std::vector<dmatrix>&
         row x{};
         if (!items.next_int(x.cls) || !items.next_int(x.r) || x.cls < 1 || x.r < 1) malformed();
         x.values.resize(x.r);
-        for (double& v : x.values)
+        for (double& v : x.values) {
             if (!items.next_real(v)) malformed();
+            require_finite(v, in, record, "readrf");
+        }
         nclass = std::max(nclass, x.cls);
         maxrow = std::max(maxrow, x.r);
         rows.push_back(std::move(x));

@@ -9,6 +9,7 @@
 #include <limits>
 #include <string>
 
+#include "util/logger.h"
 #include "util/numeric_helpers.h"
 
 namespace krel {
@@ -155,14 +156,48 @@ bool record_reader::open(const std::string& file) {
 bool record_reader::is_open() const { return in_ && in_->is_open(); }
 
 bool record_reader::next(std::string_view& record) {
-    if (!in_ || !in_->next(line_)) return false;
-    if (!line_.empty() && line_.back() == '\r') line_.pop_back();
-    record = line_;
+    if (!more_) {
+        if (!in_ || !in_->next(line_)) return false;
+        if (!line_.empty() && line_.back() == '\r') line_.pop_back();
+        next_ = 0;
+    }
+    std::string_view rest = std::string_view(line_).substr(next_);
+    if (line_number_ == 0) skip_utf8_bom(rest);
+    ++line_number_;
+    const auto cr = rest.find('\r');
+    more_ = cr != std::string_view::npos;
+    record = more_ ? rest.substr(0, cr) : rest;
+    if (more_) next_ = static_cast<std::size_t>(record.data() - line_.data()) + cr + 1;
     return true;
 }
 
 void record_reader::rewind() {
     if (in_) in_->rewind();
+    more_ = false;
+    line_number_ = 0;
+}
+
+std::string printable_excerpt(std::string_view record, std::size_t width) {
+    std::string out;
+    for (std::size_t i = 0; i < record.size() && i < width; ++i) {
+        const auto c = static_cast<unsigned char>(record[i]);
+        if (c >= 0x20 && c < 0x7f) {
+            out += static_cast<char>(c);
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02X", c);
+            out += hex;
+        }
+    }
+    if (record.size() > width) out += "...";
+    return out;
+}
+
+void warn_reading_stopped(const record_reader& in, std::string_view record) {
+    global_logger().log_warning("The file " + in.file() + " is read up to line " +
+                                std::to_string(in.line_number() - 1) + " only: line " +
+                                std::to_string(in.line_number()) + " does not read as a record of the file (\"" +
+                                printable_excerpt(record) + "\"), and the lines from there on are ignored");
 }
 
 bool blank_record(std::string_view record) {

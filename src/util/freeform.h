@@ -61,10 +61,22 @@ inline bool parse_int_item(const char*& p, const char* end, std::int64_t& value)
     return true;
 }
 
+// Spreadsheet programs start the text files they export with a UTF-8
+// byte-order mark, which is no part of the first value. Removes it from the
+// start of a file's first line; true when there was one.
+bool skip_utf8_bom(std::string& line);
+bool skip_utf8_bom(std::string_view& line);
+
+// A record as it may stand in a message: at most `width` characters, bytes
+// that do not print shown as \xNN.
+std::string printable_excerpt(std::string_view record, std::size_t width = 60);
+
 class line_reader;
 
 // Records of a text file, one line each (a final line without line feed
-// counts; a carriage return before the line feed is dropped).
+// counts; a carriage return before the line feed is dropped, and a carriage
+// return alone ends a line, as old Mac files have it). A byte-order mark at
+// the start of the file is skipped.
 class record_reader {
 public:
     record_reader();
@@ -77,12 +89,23 @@ public:
     bool next(std::string_view& record);
     void rewind();
     const std::string& file() const { return file_; }
+    // Number of the line that the last record came from (1 for the first).
+    std::int64_t line_number() const { return line_number_; }
 
 private:
     std::string file_;
     std::unique_ptr<line_reader> in_;
     std::string line_;
+    std::size_t next_ = 0;  // start of the next record in line_ when more_ is set
+    bool more_ = false;     // line_ holds a further record behind a carriage return
+    std::int64_t line_number_ = 0;
 };
+
+// Reading that ends at a record which does not read as the file's format
+// (the rule of free-form files) loses everything behind it: the warning
+// names the file, the line and its text, so that a damaged file is not
+// taken silently for a short one.
+void warn_reading_stopped(const record_reader& in, std::string_view record);
 
 // Splits text into up to `parts` pieces that end at line ends, so that
 // threads can parse whole records; piece k is [bounds[k], bounds[k+1]).
@@ -149,11 +172,5 @@ private:
 };
 
 bool file_exists(const std::string& file);
-
-// Spreadsheet programs start the text files they export with a UTF-8
-// byte-order mark, which is no part of the first value. Removes it from the
-// start of a file's first line; true when there was one.
-bool skip_utf8_bom(std::string& line);
-bool skip_utf8_bom(std::string_view& line);
 
 }  // namespace krel
