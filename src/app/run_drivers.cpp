@@ -198,7 +198,7 @@ void run_krel(const command_line& cli, const run_options& opts) {
     krel.compute_krel_notgeno();
     // The exact inverse costs a sparse factorisation of the whole pedigree
     // for each trait: beyond a million animals the approximation takes over.
-    if (krel.getsizeped() > 1000000 || kopts.ungeno_tm)
+    if (use_tier_meyer(krel.getsizeped(), kopts.ungeno_tm))
         krel.reliabilities_by_tier_meyer();
     else
         krel.reliabilities_by_exact_inverse();

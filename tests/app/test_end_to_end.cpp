@@ -148,8 +148,14 @@ TEST(EndToEnd, HelpVersionAndMarkdown) {
     copy_example(dir);
     const auto help = run_binary(dir, {"--help"});
     EXPECT_EQ(help.status, 0);
-    EXPECT_TRUE(contains(help.out, "--ungeno_tm") || contains(help.out, "krel"));
-    EXPECT_TRUE(contains(help.out, "--gen"));
+    EXPECT_TRUE(contains(help.out, "--gen FILE=none REQUIRED")) << help.out;
+    EXPECT_TRUE(contains(help.out, "  krel                        To approximate genomic reliabilities")) << help.out;
+    EXPECT_TRUE(contains(help.out, "  gwas                        To compute p-values")) << help.out;
+    // The options of a subcommand appear in its own help only.
+    EXPECT_FALSE(contains(help.out, "--ungeno_tm"));
+    const auto krel_help = run_binary(dir, {"krel", "--help"});
+    EXPECT_EQ(krel_help.status, 0);
+    EXPECT_TRUE(contains(krel_help.out, "--ungeno_tm")) << krel_help.out;
     const auto version = run_binary(dir, {"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_TRUE(contains(version.out, "v1.19.13-0-g59ec9e7"));
