@@ -20,7 +20,7 @@ TEST(LoggerFormat, SplitsAtBlanksAndIndentsContinuation) {
     } cases[] = {
         {"", "aaa bbb ccc ddd", 8, true, {"aaa bbb", "    ccc", "    ddd"}},
         {"", "aaa bbb ccc", 8, false, {"aaa bbb", "ccc"}},
-        {"INFO: ", "aaaa bbbb", 10, true, {"aaaa", "      bbbb"}},  // under the text
+        {"INFO: ", "aaaa bbbb", 10, true, {"INFO: aaaa", "      bbbb"}},  // under the text
         {"", "\n  Compiler: x", 82, false, {"", "  Compiler: x"}},
         {"", "name: " + word, 82, true, {"name:", "    " + word}},  // long words stay whole
         {"", std::string(300, 'a') + " b", 0, true, {std::string(300, 'a') + " b"}},  // no width
