@@ -163,38 +163,6 @@ TEST(erc_reversal, ClampGroupsAndUnknownParents) {
     EXPECT_EQ(e1(1, 4), 0.0);
 }
 
-TEST(erc_reversal, BlockFormsAgreeWithTheClosedForms) {
-    // parent_contribution on a 1 by 1 block.
-    for (double b : {0.0, 0.01, 1.0, 250.0}) {
-        dmatrix out, a(1, 1, 0.04), bm(1, 1, b);
-        parent_contribution_block(out, a, bm);
-        EXPECT_NEAR(out(1, 1), parent_contribution(0.04, b), 1e-15) << b;
-    }
-    // Two uncorrelated traits: the block is two closed forms side by side.
-    dmatrix a(2, 2), b(2, 2), out;
-    a(1, 1) = 0.04;
-    a(2, 2) = 0.25;
-    b(1, 1) = 3.0;
-    b(2, 2) = 0.5;
-    parent_contribution(out, a, b);
-    EXPECT_NEAR(out(1, 1), parent_contribution(0.04, 3.0), 1e-15);
-    EXPECT_NEAR(out(2, 2), parent_contribution(0.25, 0.5), 1e-15);
-    EXPECT_EQ(out(1, 2), 0.0);
-
-    // get_erc with two uncorrelated traits gives the two one-trait answers:
-    // 1 / target = p + x rinv.
-    dmatrix p(2, 2), rinv(2, 2);
-    p(1, 1) = 0.3;
-    p(2, 2) = 0.9;
-    rinv(1, 1) = 0.02;
-    rinv(2, 2) = 0.5;
-    const std::vector<double> target = {1.0 / (0.3 + 4.0 * 0.02), 1.0 / (0.9 + 0.25 * 0.5)};
-    std::vector<double> x = {3.0, 0.4};
-    get_erc(target, p, rinv, x);
-    EXPECT_NEAR(x[0], 4.0, 1e-6);
-    EXPECT_NEAR(x[1], 0.25, 1e-6);
-}
-
 // Two traits through the block path of a sweep equal two one-trait sweeps
 // when nothing links the traits.
 TEST(erc_reversal, UncorrelatedBlockSweepEqualsOneTraitSweeps) {
