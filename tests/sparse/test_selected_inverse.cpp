@@ -205,50 +205,27 @@ TEST(Spainv, OrderOneMatrix) {
     }
 }
 
-TEST(Spainv, DiagonalMatrixGivesOneNodePerColumnAndTheReciprocals) {
-    const std::int32_t n = 7;
-    dmatrix a(n, n);
-    for (std::int32_t i = 1; i <= n; ++i) a(i, i) = 0.5 * i;
-    crssparse crs = crs_of(a);
-    const crssparse before = crs;
+TEST(Spainv, DiagonalMatrixGivesTheReciprocalsAndDenseOneNode) {
+    dmatrix d(7, 7);
+    for (std::int32_t i = 1; i <= 7; ++i) d(i, i) = 0.5 * i;
+    crssparse diag = crs_of(d);
+    const crssparse diag_before = diag;
     std::ostringstream unit;
-    crs.setoutputunit(&unit);
-    std::string progress;
+    diag.setoutputunit(&unit);
     {
         cout_capture out;
-        crs.getspainv();
-        progress = out.text();
+        diag.getspainv();
+        EXPECT_TRUE(contains(out.text(), " Sparse inversion...")) << out.text();
     }
-    expect_selected_inverse(before, crs, dense_inverse(a), 1e-15);
-    EXPECT_TRUE(contains(progress, " Cholesky factorization..."));
-    EXPECT_TRUE(contains(progress, " Sparse inversion..."));
-    const std::string times = unit.str();
-    EXPECT_TRUE(contains(times, " CRS MATRIX INVERSION"));
-    for (const char* label : {"Symbolic factorization", "Setup of tmp arrays", "Node determination",
-                              "Cholesky factorization", "Matrix inversion", "Conversion to CRS",
-                              "Total time"})
-        EXPECT_TRUE(contains(times, label)) << label;
+    expect_selected_inverse(diag_before, diag, dense_inverse(d), 1e-15);
+    EXPECT_TRUE(contains(unit.str(), " CRS MATRIX INVERSION"));
 
-    // cnt is 0 for every column.
-    std::vector<std::int32_t> xlnz(n + 1, 1), xnzsub(n + 1, 0), nzsub;
-    std::vector<std::int32_t> inode(n + 1);
-    std::int32_t minsize = 0, nnode = 0, maxnode = 0;
-    super_nodes(minsize, n, xlnz, xnzsub, nzsub, nnode, inode, maxnode);
-    EXPECT_EQ(nnode, n);
-    for (std::int32_t s = 1; s <= n + 1; ++s) EXPECT_EQ(inode[s - 1], n + 1 - s);
-    EXPECT_EQ(maxnode, 1);
-    EXPECT_EQ(minsize, 1);
-}
-
-TEST(Spainv, DenseMatrixIsOneNode) {
+    // The symbolic factor of a dense matrix is one node.
     const dmatrix a = random_spd(40, 1.0, 3);
     crssparse crs = crs_of(a);
     const crssparse before = crs;
     spainv(crs);
     expect_selected_inverse(before, crs, dense_inverse(a), 1e-13);
-
-    // The symbolic factor of a dense matrix: one node, and the columns share
-    // their subscripts, so that nzsub holds one column's worth.
     const metisgraph g = convertfromcrstometisgraph(before);
     std::vector<std::int32_t> perm(40);
     std::iota(perm.begin(), perm.end(), 1);
@@ -256,12 +233,8 @@ TEST(Spainv, DenseMatrixIsOneNode) {
     std::int32_t maxsub = 10, maxlnz = 0, nnode = 0, maxnode = 0, minsize = 0;
     symbolicfact(40, maxsub, g.xadj, g.adjncy, perm, xlnz, maxlnz, xnzsub, nzsub);
     EXPECT_EQ(maxlnz, 40 * 39 / 2);
-    EXPECT_EQ(maxsub, 39);
-    EXPECT_EQ(nzsub.size(), 39u);
     super_nodes(minsize, 40, xlnz, xnzsub, nzsub, nnode, inode, maxnode);
     EXPECT_EQ(nnode, 1);
-    EXPECT_EQ(inode[0], 40);
-    EXPECT_EQ(inode[1], 0);
 }
 
 TEST(Spainv, WideDenseNodeIsWorkedInPanels) {
@@ -388,22 +361,6 @@ TEST(Spainv, ZeroRowGivesAGeneralisedInverse) {
     }
 }
 
-TEST(Spainv, PivotAtTheWorkingZeroIsDropped) {
-    // Column 3 is independent of the others; its pivot is exactly 1e-08 in
-    // the first matrix and just above it in the second.
-    for (const double pivot : {1e-08, 1.5e-08}) {
-        dmatrix a = random_spd(6, 1.0, 9);
-        for (std::int32_t j = 1; j <= 6; ++j) a(3, j) = a(j, 3) = 0.0;
-        a(3, 3) = pivot;
-        crssparse crs = crs_of(a);
-        spainv(crs);
-        if (pivot == 1e-08)
-            EXPECT_EQ(crs.get(3, 3), 0.0);
-        else
-            EXPECT_DOUBLE_EQ(crs.get(3, 3), 1.0 / pivot);
-    }
-}
-
 TEST(Spainv, SingularPivotInAChainIsDroppedAsInSingleColumns) {
     // A = L D L' with L unit lower bidiagonal and a zero in D: in the natural
     // order every column is the child of the next one, and the pivot of
@@ -429,6 +386,9 @@ TEST(Spainv, SingularPivotInAChainIsDroppedAsInSingleColumns) {
     spainv(crs);
     expect_selected_inverse(before, crs, expected, 1e-12);
     EXPECT_EQ(crs.get(zero, zero), 0.0);
+    std::vector<std::int32_t> kept;  // a given order is kept
+    crs.getpermutation32(kept);
+    EXPECT_EQ(kept, order);
 }
 
 TEST(Spainv, SingularDenseNodeIsSplitAfterDpotrfFails) {
@@ -490,20 +450,6 @@ TEST(Spainv, MinimalNodeSizeAboveOneGivesWiderNodesAndTheSameInverse) {
         spainv(crs, minsize);
         expect_selected_inverse(original, crs, inv, 1e-12);
     }
-}
-
-TEST(Spainv, GivenPermutationIsKept) {
-    const dmatrix a = random_spd(30, 0.15, 4);
-    crssparse crs = crs_of(a);
-    const crssparse before = crs;
-    std::vector<std::int32_t> order(30);
-    std::iota(order.rbegin(), order.rend(), 1);  // 30, 29, ..., 1
-    crs.setpermutation32(order);
-    spainv(crs);
-    expect_selected_inverse(before, crs, dense_inverse(a), 1e-13);
-    std::vector<std::int32_t> kept;
-    crs.getpermutation32(kept);
-    EXPECT_EQ(kept, order);
 }
 
 TEST(Spainv, NonSquareOrLowerStoredMatrixStops) {
@@ -683,15 +629,6 @@ TEST(Smbfct, StructureMatchesEliminationFromAnyStartingSize) {
     }
 }
 
-TEST(SplitInode, NodeBecomesSingleColumns) {
-    std::vector<std::int32_t> inode = {10, 7, 3, 0, -1, -1, -1, -1, -1, -1, -1};
-    std::int32_t nnode = 3;
-    split_inode(inode, nnode, 2);
-    EXPECT_EQ(nnode, 6);
-    EXPECT_EQ(std::vector<std::int32_t>(inode.begin(), inode.begin() + 7),
-              (std::vector<std::int32_t>{10, 7, 6, 5, 4, 3, 0}));
-}
-
 // ---------------------------------------------------------------------------
 // The kernels on a hand-made factor
 
@@ -794,10 +731,6 @@ TEST(Getchol, FactorTimesItsTransposeIsThePermutedMatrix) {
         chol.getchol();
         ichol.getichol();
     }
-    EXPECT_TRUE(contains(unit.str(), " CRS MATRIX CHOL FACT."));
-    EXPECT_TRUE(contains(unit.str(), " CRS MATRIX SPARSE CHOL FACT."));
-    EXPECT_TRUE(chol.isdecomposed() && ichol.isdecomposed());
-    EXPECT_FALSE(chol.issymmetric() || ichol.issymmetric());
     std::vector<std::int32_t> perm;
     chol.getpermutation32(perm);
 
