@@ -195,9 +195,7 @@ TEST(krel_runs, BadInputStopsWithItsFileNamed) {
     EXPECT_TRUE(contains(flat(f.log), "Not the same number of SNPs in the genotype and allele frequency files!"));
 }
 
-// Levels 1 to 11 are animals, 12 is a group. Parents come before their
-// progeny, so the tabular method gives the relationships directly. The
-// matings 6 x 7 (full sibs) and 9 x 3 (offspring and parent) inbreed, and so
+// Levels 1 to 11 are animals, 12 is a group. The matings 6 x 7 (full sibs) and 9 x 3 (offspring and parent) inbreed, and so
 // does 3 x 4, whose parents are the same group.
 // Animal 10 stands alone: no parents, no progeny.
 constexpr std::int32_t nlevels = 12, ngroups = 1;
@@ -206,26 +204,6 @@ const std::vector<testing::pedigree_record> records = {
     {7, 1, 2}, {8, 6, 7}, {9, 3, 4},  {10, 0, 0}, {11, 9, 3},
 };
 
-// The relationship matrix by the tabular method, the group as a founder.
-dmatrix tabular(const pedigree_type& p) {
-    const std::int32_t n = p.nlength();
-    dmatrix a(n, n);
-    // The group (level 12) comes first in age: number the levels in the
-    // order 12, 1, ..., 11.
-    std::vector<std::int32_t> age = {12};
-    for (std::int32_t i = 1; i < n; ++i) age.push_back(i);
-    for (std::size_t k = 0; k < age.size(); ++k) {
-        const std::int32_t i = age[k], s = p.sire(i), d = p.dam(i);
-        for (std::size_t l = 0; l < k; ++l) {
-            const std::int32_t j = age[l];
-            const double v = 0.5 * ((s > 0 ? a(j, s) : 0.0) + (d > 0 ? a(j, d) : 0.0));
-            a(i, j) = a(j, i) = v;
-        }
-        a(i, i) = 1.0 + (s > 0 && d > 0 ? 0.5 * a(s, d) : 0.0);
-    }
-    return a;
-}
-
 struct dense_model {
     dmatrix ainv;
     std::vector<double> f;  // by level
@@ -233,7 +211,7 @@ struct dense_model {
 
 dense_model reference_pedigree(const pedigree_type& p) {
     dense_model m;
-    m.ainv = tabular(p);
+    m.ainv = testing::tabular_relationships(p);  // the group as a founder
     m.f.assign(static_cast<std::size_t>(p.nlength()) + 1, 0.0);
     for (std::int32_t i = 1; i <= p.nlength(); ++i) m.f[i] = m.ainv(i, i) - 1.0;
     invsym(m.ainv);

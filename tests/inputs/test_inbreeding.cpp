@@ -6,7 +6,6 @@
 #include <array>
 #include <cmath>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,38 +27,14 @@ using testing::scratch_dir;
 using record = testing::pedigree_record;
 using testing::make_pedigree;
 
-// F = A(i,i) - 1 by the tabular method, levels taken in order of generation
-// depth. Groups are unknown parents; with gamma they are metafounders whose
-// relationships are gamma and whose own F is gamma(k,k) - 1.
+// F = A(i,i) - 1 by the tabular method: groups are unknown parents; with
+// gamma they are metafounders whose own F is gamma(k,k) - 1.
 std::vector<double> tabular_f(const pedigree_type& p, const dmatrix* gamma) {
-    const std::int32_t n = p.nlength(), nr = p.nreal();
-    std::vector<std::int32_t> depth(static_cast<std::size_t>(n) + 1, -1);
-    std::function<std::int32_t(std::int32_t)> depth_of = [&](std::int32_t x) -> std::int32_t {
-        if (x == 0 || x > nr) return 0;
-        if (depth[x] < 0) depth[x] = 1 + std::max(depth_of(p.sire(x)), depth_of(p.dam(x)));
-        return depth[x];
-    };
-    std::vector<std::int32_t> levels;
-    for (std::int32_t x = 1; x <= nr; ++x) levels.push_back(x);
-    std::stable_sort(levels.begin(), levels.end(), [&](auto a, auto b) { return depth_of(a) < depth_of(b); });
-    auto parent = [&](std::int32_t x) { return x > nr && !gamma ? 0 : x; };
-
-    dmatrix a(n + 1, n + 1);  // index 0 stands for an unknown parent: all zero
-    std::vector<std::int32_t> done;
-    if (gamma)
-        for (std::int32_t i = nr + 1; i <= n; ++i) {
-            for (std::int32_t j = nr + 1; j <= n; ++j) a(i + 1, j + 1) = (*gamma)(i - nr, j - nr);
-            done.push_back(i);
-        }
-    for (std::int32_t j : levels) {
-        const std::int32_t s = parent(p.sire(j)), d = parent(p.dam(j));
-        for (std::int32_t i : done) a(i + 1, j + 1) = a(j + 1, i + 1) = 0.5 * (a(i + 1, s + 1) + a(i + 1, d + 1));
-        a(j + 1, j + 1) = 1.0 + 0.5 * a(s + 1, d + 1);
-        done.push_back(j);
-    }
-    std::vector<double> f(static_cast<std::size_t>(n) + 1, 0.0);
-    for (std::int32_t i = 1; i <= n; ++i)
-        if (i <= nr || gamma) f[i] = a(i + 1, i + 1) - 1.0;
+    const dmatrix a = testing::tabular_relationships(
+        p, gamma ? testing::groups_as::metafounders : testing::groups_as::unknown_parents, gamma);
+    std::vector<double> f(static_cast<std::size_t>(p.nlength()) + 1, 0.0);
+    for (std::int32_t i = 1; i <= p.nlength(); ++i)
+        if (i <= p.nreal() || gamma) f[i] = a(i, i) - 1.0;
     return f;
 }
 

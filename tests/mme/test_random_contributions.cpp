@@ -28,33 +28,8 @@ using testing::log_capture;
 using record = testing::pedigree_record;
 using testing::make_pedigree;
 
-// The relationship matrix of all levels by the tabular method, a level
-// whose parents are unknown being a founder; levels taken in order of
-// generation depth, so a parent may have a higher number than its offspring.
-dmatrix tabular_a(const pedigree_type& p) {
-    const std::int32_t n = p.nlength();
-    std::vector<std::int32_t> depth(static_cast<std::size_t>(n) + 1, -1);
-    std::function<std::int32_t(std::int32_t)> depth_of = [&](std::int32_t x) -> std::int32_t {
-        if (x == 0) return 0;
-        if (depth[x] < 0) depth[x] = 1 + std::max(depth_of(p.sire(x)), depth_of(p.dam(x)));
-        return depth[x];
-    };
-    std::vector<std::int32_t> levels;
-    for (std::int32_t x = 1; x <= n; ++x) levels.push_back(x);
-    std::stable_sort(levels.begin(), levels.end(), [&](auto a, auto b) { return depth_of(a) < depth_of(b); });
-    dmatrix a(n + 1, n + 1);  // row and column 1 stand for an unknown parent: all zero
-    std::vector<std::int32_t> done;
-    for (std::int32_t j : levels) {
-        const std::int32_t s = p.sire(j), d = p.dam(j);
-        for (std::int32_t i : done) a(i + 1, j + 1) = a(j + 1, i + 1) = 0.5 * (a(i + 1, s + 1) + a(i + 1, d + 1));
-        a(j + 1, j + 1) = 1.0 + 0.5 * a(s + 1, d + 1);
-        done.push_back(j);
-    }
-    dmatrix r(n, n);
-    for (std::int32_t i = 1; i <= n; ++i)
-        for (std::int32_t j = 1; j <= n; ++j) r(i, j) = a(i + 1, j + 1);
-    return r;
-}
+// The relationship matrix of all levels, a group being a founder.
+dmatrix tabular_a(const pedigree_type& p) { return testing::tabular_relationships(p); }
 
 // max |B a - s I| over the rows first + 1 to first + n of c, B the block of
 // those rows and columns.
