@@ -9,6 +9,7 @@
 #include <string>
 
 #include "sparse/sparse_matrix.h"
+#include "util/dense_linear_algebra.h"
 #include "util/dense_matrix.h"
 #include "util/error_stop.h"
 
@@ -74,6 +75,34 @@ inline dmatrix symmetric_of_upper(const dmatrix& up) {
     for (dmatrix::index_type i = 1; i <= d.rows(); ++i)
         for (dmatrix::index_type j = 1; j < i; ++j) d(i, j) = up(j, i);
     return d;
+}
+
+// A symmetric matrix with a random sparse pattern and a dominant diagonal,
+// positive definite or of both signs (every third diagonal negative).
+inline dmatrix random_symmetric(std::int32_t n, double density, unsigned seed, bool definite = true) {
+    dmatrix a = symmetric_of_upper(random_dense(n, n, density, seed, true));
+    for (std::int32_t i = 1; i <= n; ++i) {
+        double s = 1.0;
+        for (std::int32_t j = 1; j <= n; ++j)
+            if (j != i) s += std::abs(a(i, j));
+        a(i, i) = definite || i % 3 != 0 ? s : -s;
+    }
+    return a;
+}
+
+// The generalised inverse that drops row and column k: the dense inverse of
+// the rest, with a zero row and column k.
+inline dmatrix inverse_without(const dmatrix& a, std::int32_t k) {
+    const std::int32_t n = static_cast<std::int32_t>(a.rows());
+    auto skip = [k](std::int32_t i) { return i < k ? i : i + 1; };
+    dmatrix rest(n - 1, n - 1);
+    for (std::int32_t j = 1; j < n; ++j)
+        for (std::int32_t i = 1; i < n; ++i) rest(i, j) = a(skip(i), skip(j));
+    invsym(rest);
+    dmatrix g(n, n);
+    for (std::int32_t j = 1; j < n; ++j)
+        for (std::int32_t i = 1; i < n; ++i) g(skip(i), skip(j)) = rest(i, j);
+    return g;
 }
 
 // The upper triangle only.

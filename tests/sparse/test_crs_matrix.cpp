@@ -32,18 +32,6 @@ double dense_log10det(dmatrix a) {
     return s;
 }
 
-// A sparse symmetric positive definite matrix: random upper elements and a
-// dominant diagonal.
-dmatrix random_spd_upper(std::int32_t n, double density, unsigned seed) {
-    dmatrix up = random_dense(n, n, density, seed, true);
-    for (std::int32_t i = 1; i <= n; ++i) {
-        double s = 1.0;
-        for (std::int32_t j = 1; j <= n; ++j) s += std::abs(i <= j ? up(i, j) : up(j, i));
-        up(i, i) = s;
-    }
-    return up;
-}
-
 TEST(Crssparse, ConversionFromCooReservesTheDiagonal) {
     dmatrix up = random_dense(9, 9, 0.3, 4, true);
     for (int j = 1; j <= 9; ++j) up(5, j) = 0.0;  // an empty row
@@ -300,7 +288,7 @@ TEST(Crssparse, SaveAndLoadBothWidths) {
 
 TEST(Crssparse, LogDeterminantFromTheCholeskyFactor) {
     const std::int32_t n = 30;
-    const dmatrix up = random_spd_upper(n, 0.15, 40);
+    const dmatrix up = upper_of(random_symmetric(n, 0.15, 40));
     crssparse crs = convertfromcootocrs(coo_of(up, true, true));
     double logdet = 0.0;
     std::int32_t rank = 0;
@@ -351,7 +339,7 @@ TEST(Crssparse, LogDeterminantFromTheCholeskyFactor) {
 
 TEST(Crssparse, HarvilleApproachesTheDiagonalOfTheInverse) {
     const std::int32_t n = 6;
-    dmatrix up = random_spd_upper(n, 0.7, 77);
+    dmatrix up = upper_of(random_symmetric(n, 0.7, 77));
     crssparse crs = convertfromcootocrs(coo_of(up, true, true));
     dmatrix inv = symmetric_of_upper(up);
     invsym(inv);

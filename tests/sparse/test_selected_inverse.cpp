@@ -42,21 +42,6 @@ dmatrix dense_inverse(dmatrix a) {
     return a;
 }
 
-// The generalised inverse that drops row and column k: the inverse of the
-// rest, with a zero row and column k.
-dmatrix inverse_without(const dmatrix& a, std::int32_t k) {
-    const std::int32_t n = static_cast<std::int32_t>(a.rows());
-    auto skip = [k](std::int32_t i) { return i < k ? i : i + 1; };
-    dmatrix rest(n - 1, n - 1);
-    for (std::int32_t j = 1; j < n; ++j)
-        for (std::int32_t i = 1; i < n; ++i) rest(i, j) = a(skip(i), skip(j));
-    const dmatrix rinv = dense_inverse(rest);
-    dmatrix g(n, n);
-    for (std::int32_t j = 1; j < n; ++j)
-        for (std::int32_t i = 1; i < n; ++i) g(skip(i), skip(j)) = rinv(i, j);
-    return g;
-}
-
 // The matrix after getspainv holds the inverse on its own pattern, and the
 // pattern is that of the matrix before.
 void expect_selected_inverse(const crssparse& before, const crssparse& after, const dmatrix& inv,
@@ -83,19 +68,6 @@ std::string spainv(crssparse& crs, std::optional<std::int32_t> minsizenode = std
     cout_capture quiet;
     crs.getspainv(minsizenode);
     return unit.str();
-}
-
-// Dense symmetric positive definite matrix with a random sparse pattern.
-dmatrix random_spd(std::int32_t n, double density, unsigned seed) {
-    dmatrix up = random_dense(n, n, density, seed, true);
-    dmatrix a = symmetric_of_upper(up);
-    for (std::int32_t i = 1; i <= n; ++i) {
-        double s = 1.0;
-        for (std::int32_t j = 1; j <= n; ++j)
-            if (j != i) s += std::abs(a(i, j));
-        a(i, i) = s;
-    }
-    return a;
 }
 
 // A pedigree of n animals in birth order: the first fifth are founders, the
@@ -221,7 +193,7 @@ TEST(Spainv, DiagonalMatrixGivesTheReciprocalsAndDenseOneNode) {
     EXPECT_TRUE(contains(unit.str(), " CRS MATRIX INVERSION"));
 
     // The symbolic factor of a dense matrix is one node.
-    const dmatrix a = random_spd(40, 1.0, 3);
+    const dmatrix a = random_symmetric(40, 1.0, 3);
     crssparse crs = crs_of(a);
     const crssparse before = crs;
     spainv(crs);
@@ -240,7 +212,7 @@ TEST(Spainv, DiagonalMatrixGivesTheReciprocalsAndDenseOneNode) {
 TEST(Spainv, WideDenseNodeIsWorkedInPanels) {
     // Wider than LAPACK is given whole: the factorisation and the inverse
     // of the node run a panel at a time.
-    const dmatrix a = random_spd(800, 1.0, 5);
+    const dmatrix a = random_symmetric(800, 1.0, 5);
     crssparse crs = crs_of(a);
     const crssparse before = crs;
     spainv(crs);
@@ -304,7 +276,7 @@ TEST(Spainv, WideNodesWithManyRowsBelow) {
     // panel) whose last column is coupled to 400 of 800 sparse columns (more
     // rows below the node than a panel).
     const std::int32_t nd = 300, n = 1100;
-    dmatrix a = random_spd(n, 0.002, 12);
+    dmatrix a = random_symmetric(n, 0.002, 12);
     const dmatrix dense = random_block(nd, nd, 13);
     for (std::int32_t i = 1; i <= nd; ++i)
         for (std::int32_t j = 1; j <= n; ++j)
@@ -460,7 +432,7 @@ TEST(Spainv, NonSquareOrLowerStoredMatrixStops) {
     rect.setoutputunit(&unit);
     EXPECT_TRUE(contains(stop_message(unit, [&] { rect.getspainv(); }), message));
 
-    crssparse lower = convertfromcootocrs(coo_of(random_spd(5, 0.5, 2), false, true));
+    crssparse lower = convertfromcootocrs(coo_of(random_symmetric(5, 0.5, 2), false, true));
     lower.setoutputunit(&unit);
     EXPECT_TRUE(contains(stop_message(unit, [&] { lower.getspainv(); }), message));
 }
@@ -598,7 +570,7 @@ std::vector<std::set<std::int32_t>> structure_by_elimination(const dmatrix& a,
 TEST(Smbfct, StructureMatchesEliminationFromAnyStartingSize) {
     for (unsigned seed = 1; seed <= 6; ++seed) {
         const std::int32_t n = 60;
-        const dmatrix a = random_spd(n, 0.04, seed);
+        const dmatrix a = random_symmetric(n, 0.04, seed);
         const crssparse crs = crs_of(a);
         const metisgraph g = convertfromcrstometisgraph(crs);
         std::vector<std::int32_t> perm(n);
