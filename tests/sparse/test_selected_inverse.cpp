@@ -16,6 +16,7 @@
 #include <omp.h>
 
 #include "inputs/pedigree.h"
+#include "inputs/pedigree_support.h"
 #include "simulate/sim_pedigree.h"
 #include "simulate/sim_settings.h"
 #include "sparse/selected_inverse.h"
@@ -73,44 +74,25 @@ std::string spainv(crssparse& crs, std::optional<std::int32_t> minsizenode = std
 // A pedigree of n animals in birth order: the first fifth are founders, the
 // others have parents among the older animals (one parent unknown now and
 // then), with some full-sib matings so that there is inbreeding.
-struct small_pedigree {
-    std::vector<std::int32_t> sire, dam;  // 1-based, 0 unknown
-};
-
-small_pedigree make_pedigree(std::int32_t n, unsigned seed) {
+pedigree_type random_pedigree(std::int32_t n, unsigned seed) {
     std::mt19937_64 gen(seed);
-    small_pedigree p;
-    p.sire.assign(static_cast<std::size_t>(n) + 1, 0);
-    p.dam.assign(static_cast<std::size_t>(n) + 1, 0);
-    const std::int32_t founders = std::max(2, n / 5);
-    for (std::int32_t i = founders + 1; i <= n; ++i) {
+    pedigree_type p;
+    p.allocate(n, 0);
+    for (std::int32_t i = std::max(2, n / 5) + 1; i <= n; ++i) {
         std::uniform_int_distribution<std::int32_t> older(std::max(1, i - 60), i - 1);
         std::int32_t s = older(gen), d = older(gen);
         if (d == s) d = s > 1 ? s - 1 : s + 1;
         if (gen() % 10 == 0) s = 0;
-        p.sire[static_cast<std::size_t>(i)] = s;
-        p.dam[static_cast<std::size_t>(i)] = d;
+        p.ped(1, i) = s;
+        p.ped(2, i) = d;
     }
     return p;
 }
 
-// Inbreeding by the tabular method on the dense relationship matrix.
-std::vector<double> inbreeding(const small_pedigree& p) {
-    const std::int32_t n = static_cast<std::int32_t>(p.sire.size()) - 1;
-    dmatrix A(n, n);
-    for (std::int32_t i = 1; i <= n; ++i) {
-        const std::int32_t s = p.sire[static_cast<std::size_t>(i)];
-        const std::int32_t d = p.dam[static_cast<std::size_t>(i)];
-        for (std::int32_t j = 1; j < i; ++j) {
-            double v = 0.0;
-            if (s) v += 0.5 * A(j, s);
-            if (d) v += 0.5 * A(j, d);
-            A(i, j) = A(j, i) = v;
-        }
-        A(i, i) = 1.0 + (s && d ? 0.5 * A(s, d) : 0.0);
-    }
-    std::vector<double> f(static_cast<std::size_t>(n) + 1, 0.0);
-    for (std::int32_t i = 1; i <= n; ++i) f[static_cast<std::size_t>(i)] = A(i, i) - 1.0;
+std::vector<double> inbreeding(const pedigree_type& p) {
+    const dmatrix a = tabular_relationships(p);
+    std::vector<double> f(static_cast<std::size_t>(p.nlength()) + 1, 0.0);
+    for (std::int32_t i = 1; i <= p.nlength(); ++i) f[static_cast<std::size_t>(i)] = a(i, i) - 1.0;
     return f;
 }
 
@@ -120,12 +102,10 @@ std::vector<double> inbreeding(const small_pedigree& p) {
 // Henderson's rules (with the inbreeding f, or none when f is empty) times
 // 1/g, and record weights x on the animals that have one.
 template <class F>
-void animal_model(const std::vector<std::int32_t>& sire, const std::vector<std::int32_t>& dam,
-                  const std::vector<double>& f, double g, const std::vector<double>& x, F&& add) {
-    const std::int32_t n = static_cast<std::int32_t>(sire.size()) - 1;
-    for (std::int32_t i = 1; i <= n; ++i) {
-        const std::int32_t par[2] = {sire[static_cast<std::size_t>(i)],
-                                     dam[static_cast<std::size_t>(i)]};
+void animal_model(const pedigree_type& p, const std::vector<double>& f, double g, const std::vector<double>& x,
+                  F&& add) {
+    for (std::int32_t i = 1; i <= p.nlength(); ++i) {
+        const std::int32_t par[2] = {p.sire(i), p.dam(i)};
         double d = 1.0;
         for (std::int32_t q : par)
             if (q) d -= 0.25 * (1.0 + (f.empty() ? 0.0 : f[static_cast<std::size_t>(q)]));
@@ -145,11 +125,9 @@ void animal_model(const std::vector<std::int32_t>& sire, const std::vector<std::
     }
 }
 
-dmatrix animal_model(const small_pedigree& p, const std::vector<double>& f, double g,
-                     const std::vector<double>& x) {
-    const std::int32_t neq = static_cast<std::int32_t>(p.sire.size());
-    dmatrix c(neq, neq);
-    animal_model(p.sire, p.dam, f, g, x, [&c](std::int32_t i, std::int32_t j, double v) {
+dmatrix animal_model(const pedigree_type& p, const std::vector<double>& f, double g, const std::vector<double>& x) {
+    dmatrix c(p.nlength() + 1, p.nlength() + 1);
+    animal_model(p, f, g, x, [&c](std::int32_t i, std::int32_t j, double v) {
         c(i, j) += v;
         if (i != j) c(j, i) += v;
     });
@@ -257,7 +235,7 @@ TEST(Spainv, WideDenseNodeFailingInALaterPanelIsSplit) {
 }
 
 TEST(Spainv, PedigreeModelsWithAndWithoutInbreeding) {
-    const small_pedigree ped = make_pedigree(300, 11);
+    const pedigree_type ped = random_pedigree(300, 11);
     const std::vector<double> f = inbreeding(ped);
     ASSERT_GT(*std::max_element(f.begin(), f.end()), 0.1);
     const std::vector<double> x = record_weights(300, 5);
@@ -318,7 +296,7 @@ TEST(Spainv, WideNodesWithManyRowsBelow) {
 }
 
 TEST(Spainv, ZeroRowGivesAGeneralisedInverse) {
-    const small_pedigree ped = make_pedigree(60, 2);
+    const pedigree_type ped = random_pedigree(60, 2);
     dmatrix c = animal_model(ped, {}, 0.5, record_weights(60, 3));
     const std::int32_t n = 61, zero = 17;
     for (std::int32_t j = 1; j <= n; ++j) c(zero, j) = c(j, zero) = 0.0;
@@ -396,7 +374,7 @@ TEST(Spainv, SingularDenseNodeIsSplitAfterDpotrfFails) {
 }
 
 TEST(Spainv, MinimalNodeSizeAboveOneGivesWiderNodesAndTheSameInverse) {
-    const small_pedigree ped = make_pedigree(200, 21);
+    const pedigree_type ped = random_pedigree(200, 21);
     const dmatrix c = animal_model(ped, inbreeding(ped), 0.3, record_weights(200, 1));
     const dmatrix inv = dense_inverse(c);
     const crssparse original = crs_of(c);
@@ -458,14 +436,9 @@ TEST(Spainv, PedigreeModelOf200000EquationsAgreesWithCholmodSolves) {
         log_capture quiet;
         ped.computeinbreeding_ped();
     }
-    std::vector<std::int32_t> sire(static_cast<std::size_t>(n) + 1, 0), dam = sire;
-    for (std::int32_t i = 1; i <= n; ++i) {
-        sire[static_cast<std::size_t>(i)] = ped.sire(i);
-        dam[static_cast<std::size_t>(i)] = ped.dam(i);
-    }
     coosparse coo(neq, std::nullopt, neq, true);
     coo.setsymmetric(true);
-    animal_model(sire, dam, ped.inb, 0.25, record_weights(n, 77),
+    animal_model(ped, ped.inb, 0.25, record_weights(n, 77),
                  [&coo](std::int32_t i, std::int32_t j, double v) { coo.add(i, j, v); });
     crssparse crs = convertfromcootocrs(coo);
     crs.sort();
@@ -615,7 +588,7 @@ TEST(SuperSparsinv, FailingDpotriStops) {
 }
 
 TEST(SuperSparsinv, RowwiseProductWithoutSEqualsTheBlockedOne) {
-    const small_pedigree ped = make_pedigree(250, 4);
+    const pedigree_type ped = random_pedigree(250, 4);
     const crssparse crs = crs_of(animal_model(ped, inbreeding(ped), 0.2, record_weights(250, 9)));
     metisgraph g = convertfromcrstometisgraph(crs);
     std::vector<std::int32_t> perm;
@@ -690,7 +663,7 @@ TEST(Dgtrsm, SingularPivotZeroesItsPartAndBadArgumentsStop) {
 // The factorisations
 
 TEST(Getchol, FactorTimesItsTransposeIsThePermutedMatrix) {
-    const small_pedigree ped = make_pedigree(80, 6);
+    const pedigree_type ped = random_pedigree(80, 6);
     const dmatrix c = animal_model(ped, inbreeding(ped), 0.5, record_weights(80, 6));
     const std::int32_t n = 81;
     crssparse chol = crs_of(c);
