@@ -50,11 +50,7 @@ TEST(krel_runs, PackedAndCentredTextGenotypesGiveTheSameReliabilities) {
                                                     "frequencies.txt", "--svcv", "snp_vcv.txt"}));
     ASSERT_EQ(b.status, 0) << b.log;
     EXPECT_TRUE(plink_dir.exists("OK_KREL"));
-    for (const char* step : {"Step 2: reverse reliabilities for the genotyped animals",
-                             "Step 3: reliabilities of GEBV for genotyped animals", "Step 3.a: inverse SNPBLUP (Plink)",
-                             "Step 3.c: blending of genomic and RPG REL", "Tr 1 - ERC (N, Min, Mean (SD), Max): 80, ",
-                             "Plink genotype file                           : T"})
-        EXPECT_TRUE(contains(a.log, step)) << step;
+    EXPECT_TRUE(contains(a.log, "Step 3.a: inverse SNPBLUP (Plink)"));
     EXPECT_TRUE(contains(b.log, "Step 3.a: inverse SNPBLUP (real)"));
 
     const auto ra = results(plink_dir, "qd_sskreliabilities_geno.dat");
