@@ -72,13 +72,6 @@ read_result read(const scratch_dir& dir, const std::string& freqfile = "compute"
     return r;
 }
 
-TEST(PlinkTables, RowsHoldTheFourGenotypesOfEachByteLowestBitsFirst) {
-    EXPECT_EQ(pdecode_i1_real8(static_cast<std::int8_t>(-128)), (std::array<double, 4>{0.0, 0.0, 0.0, 1.0}));
-    EXPECT_EQ(pdecode_i1_real8(static_cast<std::int8_t>(-1)), (std::array<double, 4>{2.0, 2.0, 2.0, 2.0}));
-    EXPECT_EQ(pdecode_i1_real8(static_cast<std::int8_t>(0x1B)), (std::array<double, 4>{2.0, 1.0, 3.0, 0.0}));
-    EXPECT_EQ(pdecode_i1_wp(), pdecode_i1_real8());
-}
-
 class PlinkRead : public ::testing::Test {
 protected:
     testing::log_capture log_;
