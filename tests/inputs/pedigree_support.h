@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "inputs/pedigree.h"
+#include "simulate/sim_pedigree.h"
 #include "util/dense_matrix.h"
 
 namespace krel::testing {
@@ -22,6 +23,26 @@ inline pedigree_type make_pedigree(std::int32_t nlevels, std::int32_t groups,
     for (const auto& [id, s, d] : records) {
         p.ped(1, id) = s;
         p.ped(2, id) = d;
+    }
+    return p;
+}
+
+// A generated pedigree of overlapping generations. With groups, every
+// unknown parent is a group, so that all animals trace to them.
+inline pedigree_type generated_pedigree(std::int64_t animals, std::int64_t groups) {
+    krelsim::sim_settings s;
+    s.out = "unused";  // nothing is written
+    s.animals = animals;
+    s.groups = groups;
+    s.genotyped = 0;
+    s.snps = 1;
+    s.check();
+    const auto sim = krelsim::simulate_pedigree(s);
+    pedigree_type p;
+    p.allocate(static_cast<std::int32_t>(animals + groups), static_cast<std::int32_t>(groups));
+    for (std::int64_t i = 0; i < sim.n; ++i) {
+        p.ped(1, sim.level[i]) = sim.parent_level(i, 0);
+        p.ped(2, sim.level[i]) = sim.parent_level(i, 1);
     }
     return p;
 }

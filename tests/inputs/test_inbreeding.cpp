@@ -12,7 +12,6 @@
 #include "inputs/inbreeding.h"
 #include "inputs/pedigree.h"
 #include "inputs/pedigree_support.h"
-#include "simulate/sim_pedigree.h"
 #include "test_support.h"
 #include "util/error_stop.h"
 #include "util/numeric_helpers.h"
@@ -63,25 +62,6 @@ void expect_near_all(const std::vector<double>& got, const std::vector<double>& 
     for (std::size_t i = 1; i < got.size(); ++i) ASSERT_NEAR(got[i], want[i], tol) << what << ", level " << i;
 }
 
-// A generated pedigree of overlapping generations. With groups, every
-// unknown parent is a group, so that all animals trace to them.
-pedigree_type generated(std::int64_t animals, std::int64_t groups) {
-    krelsim::sim_settings s;
-    s.out = "unused";  // nothing is written
-    s.animals = animals;
-    s.groups = groups;
-    s.genotyped = 0;
-    s.snps = 1;
-    s.check();
-    const auto sim = krelsim::simulate_pedigree(s);
-    pedigree_type p;
-    p.allocate(static_cast<std::int32_t>(animals + groups), static_cast<std::int32_t>(groups));
-    for (std::int64_t i = 0; i < sim.n; ++i) {
-        p.ped(1, sim.level[i]) = sim.parent_level(i, 0);
-        p.ped(2, sim.level[i]) = sim.parent_level(i, 1);
-    }
-    return p;
-}
 
 // Levels 15 and 16 are groups. Full sibs 4 and 5 mate; 7 and 14 come from
 // selfing; 2 and 10 have one known parent; 11 and 13 have parents with
@@ -137,12 +117,12 @@ TEST(inbreeding, MetafoundersAgreeWithTheTabularMethodOnGamma) {
 
 TEST(inbreeding, MethodsAgreeOnAGeneratedPedigree) {
     log_capture log;
-    const auto p = generated(100000, 0);
+    const auto p = testing::generated_pedigree(100000, 0);
     const auto ml = inbreeding(p, 1);
     expect_near_all(inbreeding(p, 2), ml, 1e-12, "100,000 animals");
     EXPECT_GT(*std::max_element(ml.begin(), ml.end()), 0.1);  // the comparison has something to compare
     // With groups every animal traces to them: metafounders, by both methods.
-    const auto q = with_metafounders(generated(20000, 6), gamma(6, 0.1, 0.35, 0.05));
+    const auto q = with_metafounders(testing::generated_pedigree(20000, 6), gamma(6, 0.1, 0.35, 0.05));
     expect_near_all(inbreeding(q, 2), inbreeding(q, 1), 1e-12, "20,000 animals, metafounders");
 }
 

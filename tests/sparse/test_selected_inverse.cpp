@@ -17,8 +17,6 @@
 
 #include "inputs/pedigree.h"
 #include "inputs/pedigree_support.h"
-#include "simulate/sim_pedigree.h"
-#include "simulate/sim_settings.h"
 #include "sparse/selected_inverse.h"
 #include "sparse/sparse_matrix.h"
 #include "sparse/supernodal_kernels.h"
@@ -418,20 +416,8 @@ TEST(Spainv, NonSquareOrLowerStoredMatrixStops) {
 TEST(Spainv, PedigreeModelOf200000EquationsAgreesWithCholmodSolves) {
     // A generated pedigree of overlapping generations with its inbreeding,
     // the mean as equation 1 and record weights.
-    krelsim::sim_settings settings;
-    settings.out = "unused";  // nothing is written
-    settings.animals = 199999;
-    settings.genotyped = 0;
-    settings.snps = 1;
-    settings.check();
-    const auto sim = krelsim::simulate_pedigree(settings);
-    const std::int32_t n = static_cast<std::int32_t>(sim.n), neq = n + 1;
-    pedigree_type ped;
-    ped.allocate(n, 0);
-    for (std::int64_t i = 0; i < sim.n; ++i) {
-        ped.ped(1, sim.level[i]) = sim.parent_level(i, 0);
-        ped.ped(2, sim.level[i]) = sim.parent_level(i, 1);
-    }
+    pedigree_type ped = generated_pedigree(199999, 0);
+    const std::int32_t n = ped.nlength(), neq = n + 1;
     {
         log_capture quiet;
         ped.computeinbreeding_ped();
