@@ -146,6 +146,23 @@ inline dmatrix random_block(dmatrix::index_type m, dmatrix::index_type n, unsign
     return d;
 }
 
+// The matrix and vector products of m against those of the dense matrix full
+// it stands for, under each transposition given.
+inline void expect_products_match(const gen_sparse& m, const dmatrix& full, const std::string& transes) {
+    for (char trans : transes) {
+        const bool t = trans == 'T' || trans == 't';
+        const auto xr = t ? full.rows() : full.cols(), yr = t ? full.cols() : full.rows();
+        const dmatrix x = random_block(xr, 3, 1), y0 = random_block(yr, 3, 2);
+        dmatrix y = y0;
+        m.multgenm(0.7, trans, x, -0.4, y);
+        EXPECT_LT(max_abs_diff(y, dense_product(0.7, trans, full, x, -0.4, y0)), 1e-12) << trans;
+        std::vector<double> xv(x.column(2), x.column(2) + xr), yv(y0.column(2), y0.column(2) + yr);
+        m.multgenv(2.0, trans, xv, 0.5, yv);
+        const dmatrix ref = dense_product(2.0, trans, full, x, 0.5, y0);
+        for (dmatrix::index_type i = 1; i <= yr; ++i) EXPECT_NEAR(yv[i - 1], ref(i, 2), 1e-12) << trans;
+    }
+}
+
 // A coosparse holding the elements of d; with upper only those on or above
 // the diagonal are added (the others are dropped by the matrix itself).
 inline coosparse coo_of(const dmatrix& d, bool upper, bool symmetric, std::int64_t nel = 16) {

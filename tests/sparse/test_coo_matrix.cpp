@@ -3,6 +3,7 @@
 #include <fstream>
 #include <map>
 #include <random>
+#include <tuple>
 #include <set>
 
 #include "sparse/sparse_matrix.h"
@@ -147,31 +148,12 @@ TEST(Coosparse, ScalePermutationsAndSymmetryRefusals) {
 // All three kinds against dense products, both transpositions, vectors and
 // blocks of right-hand sides.
 TEST(Coosparse, ProductsOfAllKindsMatchDenseProducts) {
-    struct kind_case {
-        bool upper, symmetric;
-        std::int32_t m, n;
-    };
-    for (const kind_case k : {kind_case{true, true, 7, 7}, kind_case{true, false, 6, 9},
-                              kind_case{false, false, 8, 5}}) {
-        const dmatrix stored = random_dense(k.m, k.n, 0.5, 11, k.upper);
-        const coosparse c = coo_of(stored, k.upper, k.symmetric, 4);
-        const dmatrix full = k.symmetric ? symmetric_of_upper(stored) : stored;
-        for (char trans : {'N', 'n', 'T', 't'}) {
-            const bool t = trans == 'T' || trans == 't';
-            const auto xr = t ? k.m : k.n;
-            const auto yr = t ? k.n : k.m;
-            const dmatrix x = random_block(xr, 3, 1), y0 = random_block(yr, 3, 2);
-            dmatrix y = y0;
-            c.multgenm(0.7, trans, x, -0.4, y);
-            EXPECT_LT(max_abs_diff(y, dense_product(0.7, trans, full, x, -0.4, y0)), 1e-12)
-                << k.upper << k.symmetric << trans;
-
-            std::vector<double> xv(x.column(1), x.column(1) + xr);
-            std::vector<double> yv(y0.column(1), y0.column(1) + yr);
-            c.multgenv(2.0, trans, xv, 0.5, yv);
-            const dmatrix ref = dense_product(2.0, trans, full, x, 0.5, y0);
-            for (int i = 1; i <= yr; ++i) EXPECT_NEAR(yv[i - 1], ref(i, 1), 1e-12);
-        }
+    for (const auto& [upper, symmetric, m, n] : {std::tuple{true, true, 7, 7}, std::tuple{true, false, 6, 9},
+                                                 std::tuple{false, false, 8, 5}}) {
+        const dmatrix stored = random_dense(m, n, 0.5, 11, upper);
+        SCOPED_TRACE(::testing::Message() << upper << symmetric);
+        expect_products_match(coo_of(stored, upper, symmetric, 4), symmetric ? symmetric_of_upper(stored) : stored,
+                              "NnTt");
     }
 }
 
