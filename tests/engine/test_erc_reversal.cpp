@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "engine/erc_reversal.h"
+#include "inputs/pedigree_support.h"
 #include "test_support.h"
 
 namespace krel {
@@ -16,16 +17,7 @@ namespace {
 using testing::log_capture;
 using testing::scratch_dir;
 
-// Parents always have lower levels here, so level order is old to young.
-pedigree_type make_pedigree(const std::vector<std::array<std::int32_t, 2>>& parents, std::int32_t groups = 0) {
-    pedigree_type p;
-    p.allocate(static_cast<std::int32_t>(parents.size()) + groups, groups);
-    for (std::size_t i = 0; i < parents.size(); ++i) {
-        p.ped(1, static_cast<std::int32_t>(i + 1)) = parents[i][0];
-        p.ped(2, static_cast<std::int32_t>(i + 1)) = parents[i][1];
-    }
-    return p;
-}
+using testing::make_pedigree;
 
 std::vector<std::int32_t> order_of(const pedigree_type& p) {
     std::vector<std::int32_t> order;
@@ -56,12 +48,13 @@ std::vector<double> approximate_pev(const pedigree_type& p, const std::vector<do
     return pev;
 }
 
-const std::vector<std::array<std::int32_t, 2>> family = {
-    {0, 0}, {0, 0}, {0, 0}, {1, 2}, {1, 3}, {1, 2}, {4, 3}, {4, 5}, {0, 6}, {4, 0}, {7, 8}, {7, 9}, {10, 8}};
+// Parents always have lower levels here, so level order is old to young.
+const pedigree_type family = make_pedigree(13, 0, {{4, 1, 2}, {5, 1, 3}, {6, 1, 2}, {7, 4, 3}, {8, 4, 5}, {9, 0, 6},
+                                                   {10, 4, 0}, {11, 7, 8}, {12, 7, 9}, {13, 10, 8}});
 
 TEST(erc_reversal, ReturnedErcReproduceTheTargetPev) {
     log_capture log;
-    const auto p = make_pedigree(family);
+    const auto& p = family;
     const std::int32_t n = p.nlength();
     const double g = 25.0, r = 58.0, h2 = g / (g + r);
     const double gi = 1.0 / g, ri = 1.0 / r;
@@ -104,7 +97,7 @@ TEST(erc_reversal, EdgesOfTheIteration) {
         EXPECT_EQ(iterations(log.text()), 1);
     }
     // All REL zero: every start value is 0, sum of squares 0, one sweep.
-    const auto p = make_pedigree(family);
+    const auto& p = family;
     const std::int32_t n = p.nlength();
     const auto order = order_of(p);
     dmatrix target(1, n, 10.0), erc;
@@ -141,7 +134,7 @@ TEST(erc_reversal, ClampGroupsAndUnknownParents) {
     // One animal whose target asks for less information than its prior
     // gives: the solved ERC is negative, and the record gets exactly 1e-7.
     {
-        const auto p = make_pedigree({{0, 0}});
+        const auto p = make_pedigree(1, 0, {});
         dmatrix x(1, 1, 0.1), target(1, 1, 30.0), erc;
         tiermeyer_rev(p, order_of(p), 1, 0, ginv, rinv, x, target, false, erc);
         EXPECT_EQ(erc(1, 1), 0.0000001);
@@ -153,8 +146,8 @@ TEST(erc_reversal, ClampGroupsAndUnknownParents) {
     // A group parent takes no part: with a group as dam the animal sees the
     // sire only, exactly as with an unknown dam; a 0 parent in a pedigree
     // with groups is unknown as well.
-    const auto with_group = make_pedigree({{0, 0}, {1, 4}, {1, 0}}, 1);
-    const auto without = make_pedigree({{0, 0}, {1, 0}, {1, 0}});
+    const auto with_group = make_pedigree(4, 1, {{2, 1, 4}, {3, 1, 0}});
+    const auto without = make_pedigree(3, 0, {{2, 1, 0}, {3, 1, 0}});
     dmatrix x(1, 4, 2.0), target(1, 4, 20.0), e1, e2;
     tiermeyer_rev(with_group, order_of(with_group), 4, 1, ginv, rinv, x, target, true, e1);
     tiermeyer_rev(without, order_of(without), 3, 0, ginv, rinv, x, target, true, e2);
@@ -166,7 +159,7 @@ TEST(erc_reversal, ClampGroupsAndUnknownParents) {
 // when nothing links the traits.
 TEST(erc_reversal, UncorrelatedBlockSweepEqualsOneTraitSweeps) {
     log_capture log;
-    const auto p = make_pedigree(family);
+    const auto& p = family;
     const std::int32_t n = p.nlength();
     const auto order = order_of(p);
     dmatrix g2(2, 2), r2(2, 2), x2(2, n), t2(2, n), e2;
