@@ -185,17 +185,8 @@ TEST(Spainv, DiagonalMatrixGivesTheReciprocalsAndDenseOneNode) {
     EXPECT_EQ(nnode, 1);
 }
 
-TEST(Spainv, WideDenseNodeIsWorkedInPanels) {
-    // Wider than LAPACK is given whole: the factorisation and the inverse
-    // of the node run a panel at a time.
-    const dmatrix a = random_symmetric(800, 1.0, 5);
-    crssparse crs = crs_of(a);
-    const crssparse before = crs;
-    spainv(crs);
-    expect_selected_inverse(before, crs, dense_inverse(a), 1e-12);
-}
-
 TEST(Spainv, WideDenseNodeFailingInALaterPanelIsSplit) {
+    // Wider than LAPACK is given whole: the node is worked a panel at a time.
     // A = L D L' with L unit lower and dense but for column 600, which is
     // the unit vector, and D(600) = -0.1: the diagonal of A is positive, but
     // DPOTRF fails at column 600, in the third panel. Worked column by
