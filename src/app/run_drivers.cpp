@@ -279,7 +279,7 @@ void run_krel(const command_line& cli, const run_options& opts, run_record& reco
     record.step("compute_krel_notgeno", [&] { krel.compute_krel_notgeno(); });
     // The exact inverse costs a sparse factorisation of the whole pedigree
     // for each trait: beyond a million animals the approximation takes over.
-    if (krel.getsizeped() > 1000000 || kopts.ungeno_tm)
+    if (use_tier_meyer(krel.getsizeped(), kopts.ungeno_tm))
         record.step("tier_meyer_approximation", [&] { krel.reliabilities_by_tier_meyer(); });
     else
         record.step("exact_inverse", [&] { krel.reliabilities_by_exact_inverse(); });

@@ -29,10 +29,7 @@ TEST(variance_files, HeritabilitiesAndGeneticMatrix) {
     dir.write("g.txt", "25\n3.0, 4.0 99\n");
     dmatrix g;
     readgf((dir / "g.txt").string(), 1, 2, g);
-    EXPECT_EQ(g(1, 1), 25.0);
-    EXPECT_EQ(g(2, 1), 3.0);
-    EXPECT_EQ(g(1, 2), 3.0);
-    EXPECT_EQ(g(2, 2), 4.0);
+    EXPECT_EQ(std::vector<double>(g.data(), g.data() + 4), (std::vector<double>{25.0, 3.0, 3.0, 4.0}));
 
     EXPECT_THROW(readgf((dir / "g.txt").string(), 1, 3, g), error_stop);
     EXPECT_NE(log.text().find("Cannot read the file properly"), std::string::npos);
@@ -40,8 +37,6 @@ TEST(variance_files, HeritabilitiesAndGeneticMatrix) {
     log.clear();
     EXPECT_THROW(readgf((dir / "absent.txt").string(), 1, 1, g), error_stop);
     EXPECT_NE(log.text().find("Cannot open the file " + (dir / "absent.txt").string()), std::string::npos);
-    EXPECT_NE(log.text().find("readgf ("), std::string::npos);
-    EXPECT_NE(log.text().find("modparameters"), std::string::npos);
 }
 
 TEST(variance_files, ResidualClasses) {
@@ -81,7 +76,6 @@ TEST(solution_files, FiveColumns) {
     EXPECT_EQ(a(4, 2), 1.5);
     EXPECT_EQ(a(2, 1), -3.0);
     EXPECT_EQ(a(1, 1), 0.0);
-    EXPECT_NE(log.text().find("Elapsed time (s) to read solutions : "), std::string::npos);
 
     // Another effect only: the array stays zero.
     dmatrix b(5, 2);
@@ -100,7 +94,6 @@ TEST(solution_files, FiveColumns) {
     dir.write("sol.txt", "1 1 3 12.5\n");
     EXPECT_THROW(readsol((dir / "sol.txt").string(), 1, c), error_stop);
     EXPECT_NE(log.text().find("The file " + (dir / "sol.txt").string() + " must contain 5 columns!"), std::string::npos);
-    EXPECT_NE(log.text().find("readsol ("), std::string::npos);
     log.clear();
     dir.write("sol.txt", "1 1 9 9 12.5\n");
     EXPECT_THROW(readsol((dir / "sol.txt").string(), 1, c), error_stop);
@@ -116,7 +109,6 @@ TEST(solution_files, WideAndSixColumns) {
     readsol_tarnelo((dir / "rel.txt").string(), r);
     EXPECT_EQ(r(1, 1), 0.5);
     EXPECT_EQ(r(3, 2), 0.8);
-    EXPECT_NE(log.text().find("Elapsed time (s) to read Tarnelo solutions : "), std::string::npos);
     dmatrix one(3, 1);
     EXPECT_THROW(readsol_tarnelo((dir / "rel.txt").string(), one), error_stop);
     EXPECT_NE(log.text().find("must contain 4 columns!"), std::string::npos);

@@ -15,7 +15,6 @@
 #include "inputs/pedigree_support.h"
 #include "mme/model_description.h"
 #include "mme/random_contributions.h"
-#include "simulate/sim_pedigree.h"
 #include "sparse/sparse_matrix.h"
 #include "test_support.h"
 #include "util/error_stop.h"
@@ -29,33 +28,8 @@ using testing::log_capture;
 using record = testing::pedigree_record;
 using testing::make_pedigree;
 
-// The relationship matrix of all levels by the tabular method, a level
-// whose parents are unknown being a founder; levels taken in order of
-// generation depth, so a parent may have a higher number than its offspring.
-dmatrix tabular_a(const pedigree_type& p) {
-    const std::int32_t n = p.nlength();
-    std::vector<std::int32_t> depth(static_cast<std::size_t>(n) + 1, -1);
-    std::function<std::int32_t(std::int32_t)> depth_of = [&](std::int32_t x) -> std::int32_t {
-        if (x == 0) return 0;
-        if (depth[x] < 0) depth[x] = 1 + std::max(depth_of(p.sire(x)), depth_of(p.dam(x)));
-        return depth[x];
-    };
-    std::vector<std::int32_t> levels;
-    for (std::int32_t x = 1; x <= n; ++x) levels.push_back(x);
-    std::stable_sort(levels.begin(), levels.end(), [&](auto a, auto b) { return depth_of(a) < depth_of(b); });
-    dmatrix a(n + 1, n + 1);  // row and column 1 stand for an unknown parent: all zero
-    std::vector<std::int32_t> done;
-    for (std::int32_t j : levels) {
-        const std::int32_t s = p.sire(j), d = p.dam(j);
-        for (std::int32_t i : done) a(i + 1, j + 1) = a(j + 1, i + 1) = 0.5 * (a(i + 1, s + 1) + a(i + 1, d + 1));
-        a(j + 1, j + 1) = 1.0 + 0.5 * a(s + 1, d + 1);
-        done.push_back(j);
-    }
-    dmatrix r(n, n);
-    for (std::int32_t i = 1; i <= n; ++i)
-        for (std::int32_t j = 1; j <= n; ++j) r(i, j) = a(i + 1, j + 1);
-    return r;
-}
+// The relationship matrix of all levels, a group being a founder.
+dmatrix tabular_a(const pedigree_type& p) { return testing::tabular_relationships(p); }
 
 // max |B a - s I| over the rows first + 1 to first + n of c, B the block of
 // those rows and columns.
@@ -119,13 +93,10 @@ TEST(addrandompart, AinverseTimesTabularAIsTheIdentityOnSmallPedigrees) {
     const coosparse c = assemble(mean_and_animal(14, ginv), ped);
     EXPECT_LT(distance_from_identity(c, 1, a, ginv), 1e-12);
     for (std::int32_t j = 1; j <= 15; ++j) EXPECT_EQ(c.get(1, j), 0.0);  // nothing on the mean
-    EXPECT_TRUE(contains(log.text(), "Addition of the random contributions for the animal (with inbreeding) effect 2"));
-    EXPECT_TRUE(contains(log.text(), "All contributions for effects are added"));
 
     // The pedigree's own assembly: g = 1 and the level as its equation.
     coosparse ainv;
     ped.computeasparse_ped(ainv);
-    EXPECT_TRUE(ainv.issymmetric() && ainv.isupperstorage());
     EXPECT_LT(distance_from_identity(ainv, 0, a), 1e-12);
 
     // An animal effect nested in a class takes its animals from nlevel2.
@@ -155,80 +126,15 @@ TEST(addrandompart, AinverseTimesTabularAIsTheIdentityOnSmallPedigrees) {
     EXPECT_LT(distance_from_identity(assemble(mean_and_animal(8, 1.0), groups), 1, ag), 1e-12);
 }
 
-TEST(addrandompart, AinverseTimesTabularAIsTheIdentityOnAGeneratedPedigree) {
-    // Large enough for inbred parents, with shuffled identities, animals
-    // that occur only as parents and unknown parents.
+TEST(addrandompart, ParentsWithInbreedingOfOneGiveInfinity) {
+    // Both parents with F = 1: the division by zero is not checked.
     log_capture log;
-    constexpr std::int32_t n = 2000;
-    krelsim::sim_settings s;
-    s.out = "unused";  // nothing is written
-    s.animals = n;
-    s.genotyped = 0;
-    s.snps = 1;
-    s.check();
-    const auto sim = krelsim::simulate_pedigree(s);
-    pedigree_type ped;
-    ped.allocate(n, 0);
-    for (std::int64_t i = 0; i < sim.n; ++i) {
-        ped.ped(1, sim.level[i]) = sim.parent_level(i, 0);
-        ped.ped(2, sim.level[i]) = sim.parent_level(i, 1);
-    }
-    ped.computeinbreeding_ped();
-    std::int32_t inbred_parents = 0;
-    for (std::int32_t i = 1; i <= n; ++i)
-        for (std::int32_t p : {ped.sire(i), ped.dam(i)}) inbred_parents += p > 0 && ped.inb[p] > 0.0;
-    ASSERT_GT(inbred_parents, 50);
-
-    const dmatrix a = tabular_a(ped);
-    const coosparse c = assemble(mean_and_animal(n, 2.0), ped);
-    // C times each column of A: g on the animal's own equation, 0 elsewhere
-    // and on the mean.
-    std::vector<double> x(n + 1), y(n + 1);
-    double worst = 0.0;
-    for (std::int32_t j = 1; j <= n; ++j) {
-        for (std::int32_t i = 1; i <= n; ++i) x[i] = a(i, j);
-        c.multgenv(1.0, 'N', x, 0.0, y);
-        for (std::int32_t i = 0; i <= n; ++i) worst = std::max(worst, std::abs(y[i] - (i == j ? 2.0 : 0.0)));
-    }
-    EXPECT_LT(worst, 1e-10);
-}
-
-TEST(addrandompart, ElementsOfTheEdgeCases) {
-    log_capture log;
-    const double g = 2.5;  // the inverse variance
-    // Each parent has one offspring: 1 has unknown parents; 4 two known
-    // non-inbred ones; 6 one known; 9 a sire with F = 1 and a dam with F = 0;
-    // 12 two parents with F = 1; 13 a negative sire, which is unknown.
-    pedigree_type ped = make_pedigree(13, 0, {{4, 2, 3}, {6, 0, 5}, {9, 7, 8}, {12, 10, 11}, {13, -2, 0}});
-    ped.inb.assign(14, 0.0);
-    ped.inb[7] = ped.inb[10] = ped.inb[11] = 1.0;
-    const coosparse c = assemble(mean_and_animal(13, g), ped);
-    auto at = [&](std::int32_t i, std::int32_t j) { return c.get(i + 1, j + 1); };
-
-    EXPECT_DOUBLE_EQ(at(1, 1), g);  // d = 1 on the diagonal only
-    EXPECT_DOUBLE_EQ(at(13, 13), g);
-    for (std::int32_t j = 1; j <= 12; ++j) {
-        EXPECT_EQ(at(1, j + 1), 0.0);
-        EXPECT_EQ(at(13, j), 0.0);
-    }
-    // Both known: d = 2 on (i, i), -d / 2 on (i, s) and (i, m), d / 4 on
-    // (s, m) and on the parents' diagonals, beside their own 1.
-    EXPECT_DOUBLE_EQ(at(4, 4), 2.0 * g);
-    EXPECT_DOUBLE_EQ(at(4, 2), -g);
-    EXPECT_DOUBLE_EQ(at(3, 4), -g);
-    EXPECT_DOUBLE_EQ(at(2, 3), 0.5 * g);
-    EXPECT_DOUBLE_EQ(at(2, 2), 1.5 * g);
-    // One known: d = 4/3.
-    EXPECT_DOUBLE_EQ(at(6, 6), 4.0 / 3.0 * g);
-    EXPECT_DOUBLE_EQ(at(5, 6), -2.0 / 3.0 * g);
-    EXPECT_DOUBLE_EQ(at(5, 5), (1.0 + 1.0 / 3.0) * g);
-    // Sire with F = 1: ms = 0, so d = 4 with a dam of F = 0.
-    EXPECT_DOUBLE_EQ(at(9, 9), 4.0 * g);
-    EXPECT_DOUBLE_EQ(at(7, 9), -2.0 * g);
-    EXPECT_DOUBLE_EQ(at(7, 8), g);
-    // Both with F = 1: the division gives infinity, unchecked.
-    EXPECT_TRUE(std::isinf(at(12, 12)) && at(12, 12) > 0);
-    EXPECT_TRUE(std::isinf(at(10, 12)) && at(10, 12) < 0);
+    pedigree_type ped = make_pedigree(3, 0, {{3, 1, 2}});
+    ped.inb.assign(4, 0.0);
+    ped.inb[1] = ped.inb[2] = 1.0;
+    const coosparse c = assemble(mean_and_animal(3, 2.5), ped);
+    EXPECT_TRUE(std::isinf(c.get(4, 4)) && c.get(4, 4) > 0);
+    EXPECT_TRUE(std::isinf(c.get(2, 4)) && c.get(2, 4) < 0);
 }
 
 TEST(addrandompart, TraitsAndColumnsGiveTheKroneckerProductWithTheInverseCovariance) {
@@ -300,8 +206,6 @@ TEST(addrandompart, ElementsAlreadyInTheMatrixStay) {
     for (std::int32_t i = 1; i <= 15; ++i)
         for (std::int32_t j = 1; j <= 15; ++j)
             EXPECT_EQ(c.get(i, j), plain.get(i, j) + (i == 1 || j == 1 ? 0.5 * std::max(i, j) : 0.0));
-    EXPECT_EQ(c.totalnumberofelements(), plain.totalnumberofelements() + 15);
-    EXPECT_TRUE(c.issymmetric());
     std::vector<std::int32_t> back;
     c.getpermutation32(back);
     EXPECT_EQ(back, perm);
@@ -316,13 +220,8 @@ TEST(addrandompart, KindsWithoutARoutineStopTheRun) {
     const std::vector<crssparse> none, one(1);
     const refusal refusals[] = {
         {7, 0, nullptr, "This type of effect 7 for effect 2 is not implemented"},
-        {4, 0, nullptr, "This type of effect 4 for effect 2 is not implemented"},
         {-1, 0, nullptr, "This type of effect -1 for effect 2 is not implemented"},
-        {1, 0, nullptr, "This type of effect 1 for effect 2 is not implemented"},
-        {5, 0, nullptr, "This type of effect 5 for effect 2 is not implemented"},
-        {9, 0, nullptr, "This type of effect 9 for effect 2 is not implemented"},
         {10, 0, &one, "This type of effect 10 for effect 2 is not implemented"},
-        {11, 0, nullptr, "This type of effect 11 for effect 2 is not implemented"},
         {20, 1, nullptr, "ghuge is not allocated"},
         {22, 1, &none, "size(ghuge) is equal to 0"},
         {20, 1, &one, "This type of effect 20 for effect 2 is not implemented"},
@@ -365,8 +264,6 @@ TEST(addrandompart, BadInputIsLoggedAndStopsTheRun) {
     };
     const std::string ani = "modmme % addrandompart_eff_ani_inb (";
     const bad_case cases[] = {
-        {"Covariables are not possible with animal effect", ani,
-         [](param_type& p, pedigree_type&, auto&) { p.covkind[2] = 2; }},
         {"Covariables are not possible with animal effect", ani,
          [](param_type& p, pedigree_type&, auto&) { p.covkind[2] = 1; }},
         {"Inbreeding coefficients are not available for the pedigree", ani,

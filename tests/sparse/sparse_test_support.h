@@ -9,6 +9,7 @@
 #include <string>
 
 #include "sparse/sparse_matrix.h"
+#include "util/dense_linear_algebra.h"
 #include "util/dense_matrix.h"
 #include "util/error_stop.h"
 
@@ -76,6 +77,34 @@ inline dmatrix symmetric_of_upper(const dmatrix& up) {
     return d;
 }
 
+// A symmetric matrix with a random sparse pattern and a dominant diagonal,
+// positive definite or of both signs (every third diagonal negative).
+inline dmatrix random_symmetric(std::int32_t n, double density, unsigned seed, bool definite = true) {
+    dmatrix a = symmetric_of_upper(random_dense(n, n, density, seed, true));
+    for (std::int32_t i = 1; i <= n; ++i) {
+        double s = 1.0;
+        for (std::int32_t j = 1; j <= n; ++j)
+            if (j != i) s += std::abs(a(i, j));
+        a(i, i) = definite || i % 3 != 0 ? s : -s;
+    }
+    return a;
+}
+
+// The generalised inverse that drops row and column k: the dense inverse of
+// the rest, with a zero row and column k.
+inline dmatrix inverse_without(const dmatrix& a, std::int32_t k) {
+    const std::int32_t n = static_cast<std::int32_t>(a.rows());
+    auto skip = [k](std::int32_t i) { return i < k ? i : i + 1; };
+    dmatrix rest(n - 1, n - 1);
+    for (std::int32_t j = 1; j < n; ++j)
+        for (std::int32_t i = 1; i < n; ++i) rest(i, j) = a(skip(i), skip(j));
+    invsym(rest);
+    dmatrix g(n, n);
+    for (std::int32_t j = 1; j < n; ++j)
+        for (std::int32_t i = 1; i < n; ++i) g(skip(i), skip(j)) = rest(i, j);
+    return g;
+}
+
 // The upper triangle only.
 inline dmatrix upper_of(const dmatrix& a) {
     dmatrix d = a;
@@ -115,6 +144,23 @@ inline dmatrix random_block(dmatrix::index_type m, dmatrix::index_type n, unsign
     dmatrix d(m, n);
     for (std::size_t k = 0; k < d.size(); ++k) d.data()[k] = v(gen);
     return d;
+}
+
+// The matrix and vector products of m against those of the dense matrix full
+// it stands for, under each transposition given.
+inline void expect_products_match(const gen_sparse& m, const dmatrix& full, const std::string& transes) {
+    for (char trans : transes) {
+        const bool t = trans == 'T' || trans == 't';
+        const auto xr = t ? full.rows() : full.cols(), yr = t ? full.cols() : full.rows();
+        const dmatrix x = random_block(xr, 3, 1), y0 = random_block(yr, 3, 2);
+        dmatrix y = y0;
+        m.multgenm(0.7, trans, x, -0.4, y);
+        EXPECT_LT(max_abs_diff(y, dense_product(0.7, trans, full, x, -0.4, y0)), 1e-12) << trans;
+        std::vector<double> xv(x.column(2), x.column(2) + xr), yv(y0.column(2), y0.column(2) + yr);
+        m.multgenv(2.0, trans, xv, 0.5, yv);
+        const dmatrix ref = dense_product(2.0, trans, full, x, 0.5, y0);
+        for (dmatrix::index_type i = 1; i <= yr; ++i) EXPECT_NEAR(yv[i - 1], ref(i, 2), 1e-12) << trans;
+    }
 }
 
 // A coosparse holding the elements of d; with upper only those on or above

@@ -12,30 +12,6 @@ namespace {
 
 using testing::cout_capture;
 
-TEST(ModsparseHash, NextPowerOf2) {
-    EXPECT_EQ(next_power_of_2(0), 1);
-    EXPECT_EQ(next_power_of_2(1), 1);
-    EXPECT_EQ(next_power_of_2(-7), 1);
-    EXPECT_EQ(next_power_of_2(2), 2);
-    EXPECT_EQ(next_power_of_2(3), 4);
-    EXPECT_EQ(next_power_of_2(100), 128);
-    EXPECT_EQ(next_power_of_2(128), 128);
-    EXPECT_EQ(next_power_of_2(129), 256);
-    EXPECT_EQ(next_power_of_2((std::int64_t{1} << 40) + 1), std::int64_t{1} << 41);
-}
-
-TEST(ModsparseHash, RotateKeepsTheHighBitsOfTheWord) {
-    // Left by k or-ed with right by 32 - k on all 64 bits: the top bit moves
-    // down by 28, which neither a 32-bit nor a 64-bit rotation does.
-    EXPECT_EQ(hash_rot(std::uint64_t{1} << 63, 4), std::uint64_t{1} << 35);
-    EXPECT_EQ(hash_rot(0xdeadbeefcafebabeULL, 19), 0xf77ef7fdf7fe57f5ULL);
-    EXPECT_EQ(hash_rot(1, 4), 16u);
-    // Shift counts of 64 or more in magnitude give nothing.
-    EXPECT_EQ(hash_rot(0xffffffffffffffffULL, 96), 0u);
-    EXPECT_EQ(hash_rot(0xffffffffffffffffULL, 100), 0u);
-    EXPECT_EQ(hash_rot(0xffffffffffffffffULL, -40), 0xffffffu);
-}
-
 // Slots computed from the description of the mix by an independent program.
 TEST(ModsparseHash, ProbeSequencesOfKnownKeys) {
     auto walk = [](std::int64_t a, std::int64_t b, std::int64_t nel) {

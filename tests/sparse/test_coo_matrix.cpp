@@ -3,6 +3,7 @@
 #include <fstream>
 #include <map>
 #include <random>
+#include <tuple>
 #include <set>
 
 #include "sparse/sparse_matrix.h"
@@ -26,29 +27,6 @@ std::map<std::pair<std::int32_t, std::int32_t>, double> table_of(const coosparse
             << "duplicate key " << ij[2 * k] << "," << ij[2 * k + 1];
     }
     return keys;
-}
-
-TEST(Coosparse, ConstructionSizesTheTable) {
-    coosparse c(5);
-    EXPECT_EQ(c.getnel(), 128);
-    EXPECT_EQ(c.getdim(1), 5);
-    EXPECT_EQ(c.getdim(2), 5);
-    EXPECT_EQ(c.getdim(3), -1);
-    EXPECT_EQ(c.getnamemat(), "COO");
-    EXPECT_EQ(c.totalnumberofelements(), 0);
-    EXPECT_FALSE(c.issymmetric() || c.isupperstorage() || c.issorted());
-    EXPECT_EQ(coosparse(5, 3, 1).getnel(), 1);
-    EXPECT_EQ(coosparse(5, 3, 129).getnel(), 256);
-    coosparse u(4, 6, 10, true);
-    EXPECT_EQ(u.getdim(2), 6);
-    EXPECT_TRUE(u.isupperstorage());
-    EXPECT_EQ(u.getnel(), 16);
-    // 35 + 16 + 4 * 2 * 16 + 8 * 16, and 4 bytes for each entry of perm.
-    EXPECT_EQ(u.getmem(), 35 + 16 + 128 + 128);
-    u.setpermutation32(std::vector<std::int32_t>{4, 3, 2, 1});
-    EXPECT_EQ(u.getmem(), 35 + 16 + 128 + 128 + 16);
-    u.destroy();
-    EXPECT_EQ(u.getmem(), 35 + 16);
 }
 
 TEST(Coosparse, TinyValuesAndTheLowerTriangle) {
@@ -97,22 +75,6 @@ TEST(Coosparse, GrowthDropsTheTinySlotsAndKeepsFilledRight) {
     EXPECT_EQ(keys.size(), 5u);
     EXPECT_EQ(keys.count({1, 1}) + keys.count({2, 2}), 0u);
     for (int i = 3; i <= 7; ++i) EXPECT_EQ(c.get(i, i), i);
-}
-
-TEST(Coosparse, SetReportsGrowthAndOverwrites) {
-    std::ostringstream log;
-    coosparse c(10, std::nullopt, 4, std::nullopt, &log);
-    c.set(1, 1, 2.0);
-    c.set(1, 1, 3.0);
-    EXPECT_EQ(c.get(1, 1), 3.0);
-    c.set(2, 1, 1.0);
-    c.set(3, 1, 1.0);
-    EXPECT_EQ(log.str(), "");
-    c.set(4, 1, 1.0);  // 4 / 4 > 0.8
-    EXPECT_EQ(log.str(), "  Current | New size COO: 4 | 8\n");
-    EXPECT_EQ(c.totalnumberofelements(), 4);
-    c.add(1, 1, 1.0);
-    EXPECT_EQ(c.get(1, 1), 4.0);
 }
 
 TEST(Coosparse, ThousandsOfRandomAddsMatchAMap) {
@@ -164,80 +126,34 @@ TEST(Coosparse, DiagonalVectorAndBand) {
             EXPECT_EQ(band.get(i, j), j >= i && j <= i + 2 ? d(i, j) : 0.0) << i << "," << j;
 }
 
-TEST(Coosparse, ScaleAndPermutations) {
+TEST(Coosparse, ScalePermutationsAndSymmetryRefusals) {
     std::ostringstream log;
     coosparse c(3, 2, 8, std::nullopt, &log);
     c.add(1, 2, 2.0);
     c.scale(-1.5);
     EXPECT_EQ(c.get(1, 2), -3.0);
-
-    EXPECT_EQ(stop_message(log,
-                           [&] {
-                               c.setpermutation32(std::vector<std::int32_t>{1, 2});
-                           }),
+    EXPECT_EQ(stop_message(log, [&] { c.setpermutation32(std::vector<std::int32_t>{1, 2}); }),
               " ERROR: The permutation array has a wrong size.\n");
-    std::vector<std::int32_t> p32;
-    EXPECT_EQ(stop_message(log, [&] { c.getpermutation32(p32); }),
-              " ERROR: The permutation array is not allocated.\n");
-    EXPECT_EQ(stop_message(log, [&] { c.setpermutation64(std::vector<std::int64_t>{1}); }),
-              " ERROR: The permutation array (int64) has a wrong size.\n");
     std::vector<std::int64_t> p64;
     EXPECT_EQ(stop_message(log, [&] { c.getpermutation64(p64); }),
               " ERROR: The permutation array (int64) is not allocated.\n");
-    c.setpermutation32(std::vector<std::int32_t>{3, 1, 2});
     c.setpermutation64(std::vector<std::int64_t>{2, 3, 1});
-    c.getpermutation32(p32);
     c.getpermutation64(p64);
-    EXPECT_EQ(p32, (std::vector<std::int32_t>{3, 1, 2}));
     EXPECT_EQ(p64, (std::vector<std::int64_t>{2, 3, 1}));
-    EXPECT_EQ(c.getmem(), 35 + 12 + 24 + 16 + 64 + 64);
-}
-
-TEST(Coosparse, SetsymmetricNeedsASquareMatrix) {
-    std::ostringstream log;
-    coosparse c(3, 4, 8, std::nullopt, &log);
-    EXPECT_EQ(stop_message(log, [&] { c.setsymmetric(); }),
-              " ERROR: the sparse matrix is not square and cannot be set to symmetric!\n");
     EXPECT_EQ(stop_message(log, [&] { c.setsymmetric(true); }),
               " ERROR: the sparse matrix is not square and cannot be set to symmetric as "
               "requested!\n");
-    c.setsymmetric(false);
-    EXPECT_FALSE(c.issymmetric());
-    coosparse s(3);
-    s.setsymmetric();
-    EXPECT_TRUE(s.issymmetric());
-    s.setsymmetric(false);
-    EXPECT_FALSE(s.issymmetric());
 }
 
 // All three kinds against dense products, both transpositions, vectors and
 // blocks of right-hand sides.
 TEST(Coosparse, ProductsOfAllKindsMatchDenseProducts) {
-    struct kind_case {
-        bool upper, symmetric;
-        std::int32_t m, n;
-    };
-    for (const kind_case k : {kind_case{true, true, 7, 7}, kind_case{true, false, 6, 9},
-                              kind_case{false, false, 8, 5}}) {
-        const dmatrix stored = random_dense(k.m, k.n, 0.5, 11, k.upper);
-        const coosparse c = coo_of(stored, k.upper, k.symmetric, 4);
-        const dmatrix full = k.symmetric ? symmetric_of_upper(stored) : stored;
-        for (char trans : {'N', 'n', 'T', 't'}) {
-            const bool t = trans == 'T' || trans == 't';
-            const auto xr = t ? k.m : k.n;
-            const auto yr = t ? k.n : k.m;
-            const dmatrix x = random_block(xr, 3, 1), y0 = random_block(yr, 3, 2);
-            dmatrix y = y0;
-            c.multgenm(0.7, trans, x, -0.4, y);
-            EXPECT_LT(max_abs_diff(y, dense_product(0.7, trans, full, x, -0.4, y0)), 1e-12)
-                << k.upper << k.symmetric << trans;
-
-            std::vector<double> xv(x.column(1), x.column(1) + xr);
-            std::vector<double> yv(y0.column(1), y0.column(1) + yr);
-            c.multgenv(2.0, trans, xv, 0.5, yv);
-            const dmatrix ref = dense_product(2.0, trans, full, x, 0.5, y0);
-            for (int i = 1; i <= yr; ++i) EXPECT_NEAR(yv[i - 1], ref(i, 1), 1e-12);
-        }
+    for (const auto& [upper, symmetric, m, n] : {std::tuple{true, true, 7, 7}, std::tuple{true, false, 6, 9},
+                                                 std::tuple{false, false, 8, 5}}) {
+        const dmatrix stored = random_dense(m, n, 0.5, 11, upper);
+        SCOPED_TRACE(::testing::Message() << upper << symmetric);
+        expect_products_match(coo_of(stored, upper, symmetric, 4), symmetric ? symmetric_of_upper(stored) : stored,
+                              "NnTt");
     }
 }
 
@@ -246,12 +162,9 @@ TEST(Coosparse, ProductsRefuseWrongArguments) {
     coosparse c(3, 4, 8, std::nullopt, &log);
     c.add(1, 1, 1.0);
     std::vector<double> x3(3), x4(4), y3(3), y4(4);
-    EXPECT_EQ(stop_message(log, [&] { c.multgenv(1.0, 'N', x3, 0.0, y3); }),
-              "  ERROR (mult): wrong dimensions\n");
     EXPECT_EQ(stop_message(log, [&] { c.multgenv(1.0, 'T', x4, 0.0, y3); }),
               "  ERROR (mult): wrong dimensions\n");
     c.multgenv(1.0, 'T', x3, 0.0, y4);
-    c.multgenv(1.0, 'N', x4, 0.0, y3);
     EXPECT_EQ(stop_message(log, [&] { c.multgenv(1.0, 'C', x4, 0.0, y3); }),
               "  ERROR (mult): wrong transposition\n");
     dmatrix xm(4, 2), ym(3, 3);
@@ -263,26 +176,6 @@ TEST(Coosparse, ProductsRefuseWrongArguments) {
     const std::string text = stop_message(log, [&] { s.multgenv(1.0, 'N', x3, 0.0, y3); });
     EXPECT_EQ(text.rfind(" Type of the matrix           : COO\n", 0), 0u) << text;
     EXPECT_NE(text.find("\n  ERROR (mult): unsupported format\n"), std::string::npos);
-}
-
-TEST(Coosparse, PrintDimDescribesTheMatrix) {
-    std::ostringstream log;
-    coosparse c(3, 4, 8, true, &log);
-    c.add(1, 2, 1.0);
-    c.print_dim();
-    EXPECT_EQ(log.str(),
-              " Type of the matrix           : COO\n"
-              "  Output unit                 : " +
-                  unit_name(&log) +
-                  "\n"
-                  "  Dimension of the matrix     : 3 x 4\n"
-                  "  Number of non-zero elements : 1\n"
-                  "  Sorted                      : F\n"
-                  "  Symmetric                   : F\n"
-                  "  Upper storage               : T\n"
-                  "  Permutation array provided  : F\n"
-                  "  Memory (B)                  : 179\n"
-                  "  Size of the array           : 8\n");
 }
 
 TEST(Coosparse, SubmatricesOfRangesAndIndices) {
@@ -308,8 +201,6 @@ TEST(Coosparse, SubmatricesOfRangesAndIndices) {
         for (int j = 1; j <= 3; ++j) EXPECT_EQ(x.get(i, j), full(idx[i - 1], idx[j - 1]));
 
     coosparse g(4, 5, 8, std::nullopt, &log);
-    EXPECT_EQ(stop_message(log, [&] { (void)g.submatrix(0, 2, 1, 2); }),
-              " ERROR: the bounds of the submatrix are not valid\n");
     EXPECT_EQ(stop_message(log, [&] { (void)g.submatrix(1, 5, 1, 2); }),
               " ERROR: the bounds of the submatrix are not valid\n");
     EXPECT_EQ(stop_message(log, [&] { (void)g.submatrix_index(std::vector<std::int32_t>{5}); }),
@@ -325,13 +216,9 @@ TEST(Coosparse, SaveAndLoadRestoreTheTableSlotForSlot) {
     c.add(5, 6, 4.0);
     const std::string file = (dir / "m.coo").string();
     c.save(file);
-    EXPECT_EQ(std::filesystem::file_size(file), 4u + 4 + 4 + 8 + 8 + 4 + 8 * 8 + 8 * 8);
 
     coosparse l = coosparse::load(file);
-    EXPECT_EQ(l.getdim(1), 5);
     EXPECT_EQ(l.getdim(2), 7);
-    EXPECT_EQ(l.getnel(), c.getnel());
-    EXPECT_EQ(l.totalnumberofelements(), 4);
     EXPECT_TRUE(l.isupperstorage());
     EXPECT_TRUE(std::equal(l.ij_table().begin(), l.ij_table().end(), c.ij_table().begin()));
     EXPECT_TRUE(std::equal(l.values().begin(), l.values().end(), c.values().begin()));
@@ -357,16 +244,6 @@ TEST(Coosparse, LoadRefusesOtherFiles) {
     std::ofstream(dir / "short.coo", std::ios::binary) << bytes.substr(0, bytes.size() - 8);
     EXPECT_EQ(stop_message_on_cout([&] { (void)coosparse::load((dir / "short.coo").string()); }),
               refusal);
-    // A key outside the matrix.
-    std::string damaged = bytes;
-    const auto ij = c.ij_table();
-    const std::size_t slot =
-        static_cast<std::size_t>(std::find(ij.begin(), ij.end(), 1) - ij.begin());
-    const std::int32_t row = 7;
-    damaged.replace(4 + 4 + 4 + 8 + 8 + 4 + 4 * slot, 4, reinterpret_cast<const char*>(&row), 4);
-    std::ofstream(dir / "damaged.coo", std::ios::binary) << damaged;
-    EXPECT_EQ(stop_message_on_cout([&] { (void)coosparse::load((dir / "damaged.coo").string()); }),
-              refusal);
     std::ofstream(dir / "tiny.coo", std::ios::binary) << "\x0a";
     EXPECT_EQ(stop_message_on_cout([&] { (void)coosparse::load((dir / "tiny.coo").string()); }),
               refusal);
@@ -383,8 +260,6 @@ TEST(Coosparse, PrintRoutinesWriteTheirFiles) {
     c.add(1, 3, 2.5);
     c.printtofile((dir / "p.txt").string());
     EXPECT_EQ(read_text(dir / "p.txt"), "1 3 2.5\n");
-    c.printsquaretofile((dir / "s.txt").string());
-    EXPECT_EQ(read_text(dir / "s.txt").size(), 2 * (3 * 12 + 1));
     std::vector<std::int32_t> names{10, 20, 30}, few{1};
     c.print_idx(names);
     EXPECT_EQ(log.str(), "10 30 2.5\n");

@@ -23,19 +23,6 @@ namespace {
 
 using namespace krel::testing;
 
-// A symmetric matrix with a random sparse pattern and a dominant diagonal,
-// positive throughout or of both signs (every third diagonal negative).
-dmatrix random_symmetric(std::int32_t n, double density, unsigned seed, bool definite) {
-    dmatrix a = symmetric_of_upper(random_dense(n, n, density, seed, true));
-    for (std::int32_t i = 1; i <= n; ++i) {
-        double s = 1.0;
-        for (std::int32_t j = 1; j <= n; ++j)
-            if (j != i) s += std::abs(a(i, j));
-        a(i, i) = definite || i % 3 != 0 ? s : -s;
-    }
-    return a;
-}
-
 // The upper-stored symmetric matrix of the dense symmetric a, unsorted as a
 // conversion leaves it.
 template <class CRS>
@@ -152,36 +139,16 @@ TYPED_TEST(DirectSolve, OnlyTheFirstSolveTalksUntilTheFactorIsReset) {
     std::vector<std::int32_t> natural(n);
     std::iota(natural.begin(), natural.end(), 1);
     crs.setpermutation32(natural);
-    auto original_status = [&crs, &unit] {
-        unit.str({});
-        crs.print_dim();
-        const std::string text = unit.str();
-        unit.str({});
-        return text.substr(text.find("Original status"));
-    };
-
-    // Reset before any solve: nothing to free, nothing said.
-    crs.reset_pardiso_memory();
+    crs.reset_pardiso_memory();  // before any solve: nothing to free, nothing said
     EXPECT_EQ(unit.str(), "");
-    EXPECT_TRUE(contains(original_status(), ": T"));
 
     const dmatrix b = random_block(n, 1, 7);
-    dmatrix x(n, 1);
+    dmatrix x(n, 1), x2(n, 1);
     crs.solve(column_span(x), column_span(b), 1);
-    const std::string first = unit.str();
-    EXPECT_EQ(first.rfind(" Start ordering and factorization\n", 0), 0u) << first;
-    EXPECT_TRUE(contains(first, " Number of nonzeros in factors  = " +
-                                    std::to_string(2 * n - 1) + "\n"));
-    EXPECT_TRUE(contains(first, " Elapsed time (s)               = "));
-    EXPECT_EQ(crs.getpardiso().msglvl, 0);
-    EXPECT_TRUE(contains(original_status(), ": F"));
-
+    EXPECT_EQ(unit.str().rfind(" Start ordering and factorization\n", 0), 0u) << unit.str();
+    EXPECT_TRUE(contains(unit.str(), " Number of nonzeros in factors  = " + std::to_string(2 * n - 1) + "\n"));
     unit.str({});
-    dmatrix x2(n, 1);
     crs.solve(column_span(x2), column_span(b), 1);
-    dmatrix x3(n, 2);
-    dmatrix b3(n, 2);
-    crs.solve(x3, b3, 1);
     EXPECT_EQ(unit.str(), "");
     EXPECT_EQ(max_abs_diff(x, x2), 0.0);
 
@@ -190,8 +157,6 @@ TYPED_TEST(DirectSolve, OnlyTheFirstSolveTalksUntilTheFactorIsReset) {
     crs.solve(column_span(x2), column_span(b));
     EXPECT_EQ(max_abs_diff(x, x2), 0.0);
     crs.reset_pardiso_memory();
-    EXPECT_EQ(unit.str(), "");
-    EXPECT_TRUE(contains(original_status(), ": T"));
     EXPECT_FALSE(crs.getpardiso().hasmemory());
     crs.solve(column_span(x2), column_span(b));
     EXPECT_TRUE(contains(unit.str(), " Start ordering and factorization\n"));
@@ -206,9 +171,6 @@ TYPED_TEST(DirectSolve, OnlyTheFirstSolveTalksUntilTheFactorIsReset) {
     unit.str({});
     crs.solve(column_span(x2), column_span(b));
     EXPECT_EQ(unit.str(), "");
-    copy = crs;
-    copy.solve(column_span(x2), column_span(b));
-    EXPECT_TRUE(contains(unit.str(), " Start ordering and factorization\n"));
 }
 
 TYPED_TEST(DirectSolve, ArgumentsAreCheckedBeforeAnyFactorisation) {
@@ -221,9 +183,6 @@ TYPED_TEST(DirectSolve, ArgumentsAreCheckedBeforeAnyFactorisation) {
               " ERROR: the number of colums of x and y provided to solve are different!\n");
     dmatrix short_x(19, 3);
     EXPECT_EQ(stop_message(unit, [&] { crs.solve(short_x, y); }),
-              " ERROR: one of multiple arguments are not conform\n");
-    std::vector<double> xv(20), yv(21);
-    EXPECT_EQ(stop_message(unit, [&] { crs.solve(xv, yv); }),
               " ERROR: one of multiple arguments are not conform\n");
     EXPECT_FALSE(crs.getpardiso().hasmemory());
 
@@ -238,15 +197,8 @@ TYPED_TEST(DirectSolve, ArgumentsAreCheckedBeforeAnyFactorisation) {
     unit.str({});
     dmatrix rx(4, 2, 7.0), ry(4, 3, 1.0);
     r.solve(rx, ry);
-    std::vector<double> rxv(4, 7.0), ryv(4, 1.0);
-    r.solve(rxv, ryv);
-    EXPECT_EQ(unit.str(), " Warning: the sparse matrix is not squared!\n"
-                          " Warning: the sparse matrix is not squared!\n");
+    EXPECT_EQ(unit.str(), " Warning: the sparse matrix is not squared!\n");
     EXPECT_EQ(max_abs_diff(rx, dmatrix(4, 2, 7.0)), 0.0);
-    EXPECT_TRUE(std::ranges::all_of(rxv, [](double v) { return v == 7.0; }));
-    r.reset_pardiso_memory();
-    EXPECT_EQ(unit.str(), " Warning: the sparse matrix is not squared!\n"
-                          " Warning: the sparse matrix is not squared!\n");
 }
 
 TYPED_TEST(DirectSolve, SolverFailuresStopWithTheirPhaseAndCode) {
@@ -279,22 +231,9 @@ TYPED_TEST(DirectSolve, SolverFailuresStopWithTheirPhaseAndCode) {
 TEST(Checkpardiso, StopsOnAnErrorWithPhaseAndCode) {
     std::ostringstream unit;
     checkpardiso(33, 0, &unit);
-    checkpardiso_64(33, 0, &unit);
     EXPECT_EQ(unit.str(), "");
-    EXPECT_EQ(stop_message(unit, [&] { checkpardiso(12, -4, &unit); }),
-              " The following error for phase 12 was detected: -4\n");
     EXPECT_EQ(stop_message(unit, [&] { checkpardiso_64(33, -8, &unit); }),
               " The following error for phase 33 was detected: -8\n");
-    EXPECT_EQ(stop_message_on_cout([] { checkpardiso(-1, -2); }),
-              " The following error for phase -1 was detected: -2\n");
-
-    const pardiso_variable record = constructor_pardiso_variable();
-    EXPECT_EQ(record.mtype, -2);
-    EXPECT_EQ(record.phase, -9);
-    EXPECT_FALSE(record.hasmemory());
-    const pardiso_variable_64 spd = constructor_pardiso_variable_64(std::nullopt, 1, 2);
-    EXPECT_EQ(spd.mtype, 2);
-    EXPECT_EQ(spd.msglvl, 1);
 }
 
 TEST(Pardisovariable, PositiveDefiniteTypeRefusesAnIndefiniteMatrix) {
@@ -311,7 +250,6 @@ TEST(Pardisovariable, PositiveDefiniteTypeRefusesAnIndefiniteMatrix) {
         EXPECT_EQ(record.hasfactor(), mtype == -2);
         EXPECT_EQ(record.factor_nonzeros(), mtype == 2 ? 0 : 120 * 121 / 2);
         reset_pardiso_variable(record);
-        EXPECT_TRUE(record.iparm.empty());
         EXPECT_FALSE(record.hasmemory());
     }
 }
@@ -362,61 +300,47 @@ TEST(Getldlt, UnitFactorAndDiagonalGiveThePermutedMatrix) {
     EXPECT_EQ(max_abs_diff(dense_of(chol), f), 0.0);
 }
 
-TEST(FactorSolves, IsolveAndSolveldltSAgreeWithADenseSolve) {
+TEST(FactorSolves, SolvesOnTheFactorsAgreeWithADenseSolve) {
     const std::int32_t n = 60;
     const dmatrix a = random_symmetric(n, 0.1, 15, true);
-    const dmatrix y = random_block(n, 1, 16);
+    const dmatrix y = random_block(n, 4, 16);
     std::ostringstream unit;
     crssparse chol = crs_of<crssparse>(a, unit);
     std::vector<double> x(n);
     EXPECT_EQ(stop_message(unit, [&] { chol.isolve(x, column_span(y)); }),
               " ERROR: the matrix holds no factor to solve with\n");
-    crssparse ldlt = chol;
+    crssparse ldlt = chol, direct = chol;
     {
         cout_capture quiet;
         chol.getchol();
         ldlt.getldlt();
     }
-    // Both work in the order of the factor.
+    // isolve and solveldlt_s work in the order of the factor.
     std::vector<std::int32_t> perm;
     chol.getpermutation32(perm);
     const dmatrix expected = dense_solve(permuted(a, perm), y);
-    chol.isolve(x, column_span(y));
+    chol.isolve(x, column_span(y).first(n));
     for (std::int32_t i = 1; i <= n; ++i) EXPECT_NEAR(x[i - 1], expected(i, 1), 1e-13);
     std::vector<double> in_place(y.data(), y.data() + n);
     ldlt.solveldlt_s(in_place, in_place);
     for (std::int32_t i = 1; i <= n; ++i) EXPECT_NEAR(in_place[i - 1], expected(i, 1), 1e-13);
-    std::vector<double> short_x(n - 1);
-    EXPECT_EQ(stop_message(unit, [&] { ldlt.solveldlt_s(short_x, column_span(y)); }),
-              " ERROR: one of multiple arguments are not conform\n");
-}
 
-TEST(Solveldlt, AgreesWithADenseSolveAndTalksOnlyAtTheFirstCall) {
-    const std::int32_t n = 70;
-    const dmatrix a = random_symmetric(n, 0.08, 17, true);
-    const dmatrix y = random_block(n, 4, 18);
-    const dmatrix expected = dense_solve(a, y);
-    std::ostringstream unit;
-    crssparse crs = crs_of<crssparse>(a, unit);
-    dmatrix x(n, 4);
+    // solveldlt factors by itself, says so once, and solves in the original order.
+    const dmatrix plain = dense_solve(a, y);
+    dmatrix xm(n, 4);
+    unit.str({});
     {
         cout_capture quiet;
-        crs.solveldlt(x, y);
+        direct.solveldlt(xm, y);
     }
-    const std::string first = unit.str();
-    EXPECT_EQ(first.rfind(" Start ordering and factorization\n", 0), 0u) << first;
-    EXPECT_TRUE(contains(first, " Elapsed time (s)               = "));
-    EXPECT_FALSE(contains(first, "Number of nonzeros"));
-    EXPECT_LT(max_abs_diff(x, expected), 1e-13);
-
+    EXPECT_EQ(unit.str().rfind(" Start ordering and factorization\n", 0), 0u) << unit.str();
+    EXPECT_LT(max_abs_diff(xm, plain), 1e-13);
     unit.str({});
-    std::vector<double> xv(n);
-    crs.solveldlt(xv, std::span<const double>(y.column(3), n), 1);
+    direct.solveldlt(x, std::span<const double>(y.column(3), n), 1);
     EXPECT_EQ(unit.str(), "");
-    for (std::int32_t i = 1; i <= n; ++i) EXPECT_NEAR(xv[i - 1], expected(i, 3), 1e-13);
-
+    for (std::int32_t i = 1; i <= n; ++i) EXPECT_NEAR(x[i - 1], plain(i, 3), 1e-13);
     dmatrix wrong(n, 3);
-    EXPECT_EQ(stop_message(unit, [&] { crs.solveldlt(wrong, y); }),
+    EXPECT_EQ(stop_message(unit, [&] { direct.solveldlt(wrong, y); }),
               " ERROR: the number of colums of x and y provided to solve are different!\n");
 }
 
@@ -427,13 +351,7 @@ TEST(Solveldlt, ZeroRowGivesTheSolutionOfTheRest) {
     dmatrix a = random_symmetric(n, 0.1, 19, true);
     for (std::int32_t j = 1; j <= n; ++j) a(zero, j) = a(j, zero) = 0.0;
     const dmatrix y = random_block(n, 1, 20);
-    dmatrix rest(n - 1, n - 1), yrest(n - 1, 1);
-    auto skip = [](std::int32_t i) { return i < zero ? i : i + 1; };
-    for (std::int32_t i = 1; i < n; ++i) {
-        yrest(i, 1) = y(skip(i), 1);
-        for (std::int32_t j = 1; j < n; ++j) rest(i, j) = a(skip(i), skip(j));
-    }
-    const dmatrix expected = dense_solve(rest, yrest);
+    const dmatrix expected = dense_product(1.0, 'N', inverse_without(a, zero), y, 0.0, dmatrix(n, 1));
     std::ostringstream unit;
     crssparse crs = crs_of<crssparse>(a, unit);
     std::vector<double> x(n, 1.0);
@@ -442,7 +360,7 @@ TEST(Solveldlt, ZeroRowGivesTheSolutionOfTheRest) {
         crs.solveldlt(x, column_span(y));
     }
     EXPECT_EQ(x[zero - 1], 0.0);
-    for (std::int32_t i = 1; i < n; ++i) EXPECT_NEAR(x[skip(i) - 1], expected(i, 1), 1e-13);
+    for (std::int32_t i = 1; i <= n; ++i) EXPECT_NEAR(x[i - 1], expected(i, 1), 1e-13);
 }
 
 // ---------------------------------------------------------------------------
@@ -485,13 +403,6 @@ TEST(Cg, ArgumentsThatDoNotFitStop) {
     crssparse crs = crs_of<crssparse>(random_symmetric(10, 0.3, 23, true), unit);
     std::vector<double> x(10), y(10), shorter(9);
     EXPECT_EQ(stop_message(unit, [&] { crs.cg(shorter, y); }),
-              " ERROR: one of multiple arguments are not conform\n");
-    EXPECT_EQ(stop_message(unit, [&] { crs.cg(x, shorter); }),
-              " ERROR: one of multiple arguments are not conform\n");
-    crssparse rect = convertfromcootocrs(coo_of(random_dense(10, 9, 0.5, 24), false, false));
-    rect.setoutputunit(&unit);
-    std::vector<double> x9(9);
-    EXPECT_EQ(stop_message(unit, [&] { rect.cg(x9, y); }),
               " ERROR: one of multiple arguments are not conform\n");
     crssparse64 wide = crs_of<crssparse64>(random_symmetric(10, 0.3, 23, true), unit);
     EXPECT_EQ(stop_message(unit, [&] { wide.cg(x, y); }),

@@ -16,8 +16,7 @@
 #include <omp.h>
 
 #include "inputs/pedigree.h"
-#include "simulate/sim_pedigree.h"
-#include "simulate/sim_settings.h"
+#include "inputs/pedigree_support.h"
 #include "sparse/selected_inverse.h"
 #include "sparse/sparse_matrix.h"
 #include "sparse/supernodal_kernels.h"
@@ -40,21 +39,6 @@ crssparse crs_of(const dmatrix& a) {
 dmatrix dense_inverse(dmatrix a) {
     invsym(a);
     return a;
-}
-
-// The generalised inverse that drops row and column k: the inverse of the
-// rest, with a zero row and column k.
-dmatrix inverse_without(const dmatrix& a, std::int32_t k) {
-    const std::int32_t n = static_cast<std::int32_t>(a.rows());
-    auto skip = [k](std::int32_t i) { return i < k ? i : i + 1; };
-    dmatrix rest(n - 1, n - 1);
-    for (std::int32_t j = 1; j < n; ++j)
-        for (std::int32_t i = 1; i < n; ++i) rest(i, j) = a(skip(i), skip(j));
-    const dmatrix rinv = dense_inverse(rest);
-    dmatrix g(n, n);
-    for (std::int32_t j = 1; j < n; ++j)
-        for (std::int32_t i = 1; i < n; ++i) g(skip(i), skip(j)) = rinv(i, j);
-    return g;
 }
 
 // The matrix after getspainv holds the inverse on its own pattern, and the
@@ -85,60 +69,28 @@ std::string spainv(crssparse& crs, std::optional<std::int32_t> minsizenode = std
     return unit.str();
 }
 
-// Dense symmetric positive definite matrix with a random sparse pattern.
-dmatrix random_spd(std::int32_t n, double density, unsigned seed) {
-    dmatrix up = random_dense(n, n, density, seed, true);
-    dmatrix a = symmetric_of_upper(up);
-    for (std::int32_t i = 1; i <= n; ++i) {
-        double s = 1.0;
-        for (std::int32_t j = 1; j <= n; ++j)
-            if (j != i) s += std::abs(a(i, j));
-        a(i, i) = s;
-    }
-    return a;
-}
-
 // A pedigree of n animals in birth order: the first fifth are founders, the
 // others have parents among the older animals (one parent unknown now and
 // then), with some full-sib matings so that there is inbreeding.
-struct small_pedigree {
-    std::vector<std::int32_t> sire, dam;  // 1-based, 0 unknown
-};
-
-small_pedigree make_pedigree(std::int32_t n, unsigned seed) {
+pedigree_type random_pedigree(std::int32_t n, unsigned seed) {
     std::mt19937_64 gen(seed);
-    small_pedigree p;
-    p.sire.assign(static_cast<std::size_t>(n) + 1, 0);
-    p.dam.assign(static_cast<std::size_t>(n) + 1, 0);
-    const std::int32_t founders = std::max(2, n / 5);
-    for (std::int32_t i = founders + 1; i <= n; ++i) {
+    pedigree_type p;
+    p.allocate(n, 0);
+    for (std::int32_t i = std::max(2, n / 5) + 1; i <= n; ++i) {
         std::uniform_int_distribution<std::int32_t> older(std::max(1, i - 60), i - 1);
         std::int32_t s = older(gen), d = older(gen);
         if (d == s) d = s > 1 ? s - 1 : s + 1;
         if (gen() % 10 == 0) s = 0;
-        p.sire[static_cast<std::size_t>(i)] = s;
-        p.dam[static_cast<std::size_t>(i)] = d;
+        p.ped(1, i) = s;
+        p.ped(2, i) = d;
     }
     return p;
 }
 
-// Inbreeding by the tabular method on the dense relationship matrix.
-std::vector<double> inbreeding(const small_pedigree& p) {
-    const std::int32_t n = static_cast<std::int32_t>(p.sire.size()) - 1;
-    dmatrix A(n, n);
-    for (std::int32_t i = 1; i <= n; ++i) {
-        const std::int32_t s = p.sire[static_cast<std::size_t>(i)];
-        const std::int32_t d = p.dam[static_cast<std::size_t>(i)];
-        for (std::int32_t j = 1; j < i; ++j) {
-            double v = 0.0;
-            if (s) v += 0.5 * A(j, s);
-            if (d) v += 0.5 * A(j, d);
-            A(i, j) = A(j, i) = v;
-        }
-        A(i, i) = 1.0 + (s && d ? 0.5 * A(s, d) : 0.0);
-    }
-    std::vector<double> f(static_cast<std::size_t>(n) + 1, 0.0);
-    for (std::int32_t i = 1; i <= n; ++i) f[static_cast<std::size_t>(i)] = A(i, i) - 1.0;
+std::vector<double> inbreeding(const pedigree_type& p) {
+    const dmatrix a = tabular_relationships(p);
+    std::vector<double> f(static_cast<std::size_t>(p.nlength()) + 1, 0.0);
+    for (std::int32_t i = 1; i <= p.nlength(); ++i) f[static_cast<std::size_t>(i)] = a(i, i) - 1.0;
     return f;
 }
 
@@ -148,12 +100,10 @@ std::vector<double> inbreeding(const small_pedigree& p) {
 // Henderson's rules (with the inbreeding f, or none when f is empty) times
 // 1/g, and record weights x on the animals that have one.
 template <class F>
-void animal_model(const std::vector<std::int32_t>& sire, const std::vector<std::int32_t>& dam,
-                  const std::vector<double>& f, double g, const std::vector<double>& x, F&& add) {
-    const std::int32_t n = static_cast<std::int32_t>(sire.size()) - 1;
-    for (std::int32_t i = 1; i <= n; ++i) {
-        const std::int32_t par[2] = {sire[static_cast<std::size_t>(i)],
-                                     dam[static_cast<std::size_t>(i)]};
+void animal_model(const pedigree_type& p, const std::vector<double>& f, double g, const std::vector<double>& x,
+                  F&& add) {
+    for (std::int32_t i = 1; i <= p.nlength(); ++i) {
+        const std::int32_t par[2] = {p.sire(i), p.dam(i)};
         double d = 1.0;
         for (std::int32_t q : par)
             if (q) d -= 0.25 * (1.0 + (f.empty() ? 0.0 : f[static_cast<std::size_t>(q)]));
@@ -173,11 +123,9 @@ void animal_model(const std::vector<std::int32_t>& sire, const std::vector<std::
     }
 }
 
-dmatrix animal_model(const small_pedigree& p, const std::vector<double>& f, double g,
-                     const std::vector<double>& x) {
-    const std::int32_t neq = static_cast<std::int32_t>(p.sire.size());
-    dmatrix c(neq, neq);
-    animal_model(p.sire, p.dam, f, g, x, [&c](std::int32_t i, std::int32_t j, double v) {
+dmatrix animal_model(const pedigree_type& p, const std::vector<double>& f, double g, const std::vector<double>& x) {
+    dmatrix c(p.nlength() + 1, p.nlength() + 1);
+    animal_model(p, f, g, x, [&c](std::int32_t i, std::int32_t j, double v) {
         c(i, j) += v;
         if (i != j) c(j, i) += v;
     });
@@ -205,50 +153,27 @@ TEST(Spainv, OrderOneMatrix) {
     }
 }
 
-TEST(Spainv, DiagonalMatrixGivesOneNodePerColumnAndTheReciprocals) {
-    const std::int32_t n = 7;
-    dmatrix a(n, n);
-    for (std::int32_t i = 1; i <= n; ++i) a(i, i) = 0.5 * i;
-    crssparse crs = crs_of(a);
-    const crssparse before = crs;
+TEST(Spainv, DiagonalMatrixGivesTheReciprocalsAndDenseOneNode) {
+    dmatrix d(7, 7);
+    for (std::int32_t i = 1; i <= 7; ++i) d(i, i) = 0.5 * i;
+    crssparse diag = crs_of(d);
+    const crssparse diag_before = diag;
     std::ostringstream unit;
-    crs.setoutputunit(&unit);
-    std::string progress;
+    diag.setoutputunit(&unit);
     {
         cout_capture out;
-        crs.getspainv();
-        progress = out.text();
+        diag.getspainv();
+        EXPECT_TRUE(contains(out.text(), " Sparse inversion...")) << out.text();
     }
-    expect_selected_inverse(before, crs, dense_inverse(a), 1e-15);
-    EXPECT_TRUE(contains(progress, " Cholesky factorization..."));
-    EXPECT_TRUE(contains(progress, " Sparse inversion..."));
-    const std::string times = unit.str();
-    EXPECT_TRUE(contains(times, " CRS MATRIX INVERSION"));
-    for (const char* label : {"Symbolic factorization", "Setup of tmp arrays", "Node determination",
-                              "Cholesky factorization", "Matrix inversion", "Conversion to CRS",
-                              "Total time"})
-        EXPECT_TRUE(contains(times, label)) << label;
+    expect_selected_inverse(diag_before, diag, dense_inverse(d), 1e-15);
+    EXPECT_TRUE(contains(unit.str(), " CRS MATRIX INVERSION"));
 
-    // cnt is 0 for every column.
-    std::vector<std::int32_t> xlnz(n + 1, 1), xnzsub(n + 1, 0), nzsub;
-    std::vector<std::int32_t> inode(n + 1);
-    std::int32_t minsize = 0, nnode = 0, maxnode = 0;
-    super_nodes(minsize, n, xlnz, xnzsub, nzsub, nnode, inode, maxnode);
-    EXPECT_EQ(nnode, n);
-    for (std::int32_t s = 1; s <= n + 1; ++s) EXPECT_EQ(inode[s - 1], n + 1 - s);
-    EXPECT_EQ(maxnode, 1);
-    EXPECT_EQ(minsize, 1);
-}
-
-TEST(Spainv, DenseMatrixIsOneNode) {
-    const dmatrix a = random_spd(40, 1.0, 3);
+    // The symbolic factor of a dense matrix is one node.
+    const dmatrix a = random_symmetric(40, 1.0, 3);
     crssparse crs = crs_of(a);
     const crssparse before = crs;
     spainv(crs);
     expect_selected_inverse(before, crs, dense_inverse(a), 1e-13);
-
-    // The symbolic factor of a dense matrix: one node, and the columns share
-    // their subscripts, so that nzsub holds one column's worth.
     const metisgraph g = convertfromcrstometisgraph(before);
     std::vector<std::int32_t> perm(40);
     std::iota(perm.begin(), perm.end(), 1);
@@ -256,25 +181,12 @@ TEST(Spainv, DenseMatrixIsOneNode) {
     std::int32_t maxsub = 10, maxlnz = 0, nnode = 0, maxnode = 0, minsize = 0;
     symbolicfact(40, maxsub, g.xadj, g.adjncy, perm, xlnz, maxlnz, xnzsub, nzsub);
     EXPECT_EQ(maxlnz, 40 * 39 / 2);
-    EXPECT_EQ(maxsub, 39);
-    EXPECT_EQ(nzsub.size(), 39u);
     super_nodes(minsize, 40, xlnz, xnzsub, nzsub, nnode, inode, maxnode);
     EXPECT_EQ(nnode, 1);
-    EXPECT_EQ(inode[0], 40);
-    EXPECT_EQ(inode[1], 0);
-}
-
-TEST(Spainv, WideDenseNodeIsWorkedInPanels) {
-    // Wider than LAPACK is given whole: the factorisation and the inverse
-    // of the node run a panel at a time.
-    const dmatrix a = random_spd(800, 1.0, 5);
-    crssparse crs = crs_of(a);
-    const crssparse before = crs;
-    spainv(crs);
-    expect_selected_inverse(before, crs, dense_inverse(a), 1e-12);
 }
 
 TEST(Spainv, WideDenseNodeFailingInALaterPanelIsSplit) {
+    // Wider than LAPACK is given whole: the node is worked a panel at a time.
     // A = L D L' with L unit lower and dense but for column 600, which is
     // the unit vector, and D(600) = -0.1: the diagonal of A is positive, but
     // DPOTRF fails at column 600, in the third panel. Worked column by
@@ -312,7 +224,7 @@ TEST(Spainv, WideDenseNodeFailingInALaterPanelIsSplit) {
 }
 
 TEST(Spainv, PedigreeModelsWithAndWithoutInbreeding) {
-    const small_pedigree ped = make_pedigree(300, 11);
+    const pedigree_type ped = random_pedigree(300, 11);
     const std::vector<double> f = inbreeding(ped);
     ASSERT_GT(*std::max_element(f.begin(), f.end()), 0.1);
     const std::vector<double> x = record_weights(300, 5);
@@ -331,7 +243,7 @@ TEST(Spainv, WideNodesWithManyRowsBelow) {
     // panel) whose last column is coupled to 400 of 800 sparse columns (more
     // rows below the node than a panel).
     const std::int32_t nd = 300, n = 1100;
-    dmatrix a = random_spd(n, 0.002, 12);
+    dmatrix a = random_symmetric(n, 0.002, 12);
     const dmatrix dense = random_block(nd, nd, 13);
     for (std::int32_t i = 1; i <= nd; ++i)
         for (std::int32_t j = 1; j <= n; ++j)
@@ -373,7 +285,7 @@ TEST(Spainv, WideNodesWithManyRowsBelow) {
 }
 
 TEST(Spainv, ZeroRowGivesAGeneralisedInverse) {
-    const small_pedigree ped = make_pedigree(60, 2);
+    const pedigree_type ped = random_pedigree(60, 2);
     dmatrix c = animal_model(ped, {}, 0.5, record_weights(60, 3));
     const std::int32_t n = 61, zero = 17;
     for (std::int32_t j = 1; j <= n; ++j) c(zero, j) = c(j, zero) = 0.0;
@@ -385,22 +297,6 @@ TEST(Spainv, ZeroRowGivesAGeneralisedInverse) {
         spainv(crs, minsize);
         expect_selected_inverse(before, crs, expected, 1e-12);
         EXPECT_EQ(crs.get(zero, zero), 0.0);
-    }
-}
-
-TEST(Spainv, PivotAtTheWorkingZeroIsDropped) {
-    // Column 3 is independent of the others; its pivot is exactly 1e-08 in
-    // the first matrix and just above it in the second.
-    for (const double pivot : {1e-08, 1.5e-08}) {
-        dmatrix a = random_spd(6, 1.0, 9);
-        for (std::int32_t j = 1; j <= 6; ++j) a(3, j) = a(j, 3) = 0.0;
-        a(3, 3) = pivot;
-        crssparse crs = crs_of(a);
-        spainv(crs);
-        if (pivot == 1e-08)
-            EXPECT_EQ(crs.get(3, 3), 0.0);
-        else
-            EXPECT_DOUBLE_EQ(crs.get(3, 3), 1.0 / pivot);
     }
 }
 
@@ -429,6 +325,9 @@ TEST(Spainv, SingularPivotInAChainIsDroppedAsInSingleColumns) {
     spainv(crs);
     expect_selected_inverse(before, crs, expected, 1e-12);
     EXPECT_EQ(crs.get(zero, zero), 0.0);
+    std::vector<std::int32_t> kept;  // a given order is kept
+    crs.getpermutation32(kept);
+    EXPECT_EQ(kept, order);
 }
 
 TEST(Spainv, SingularDenseNodeIsSplitAfterDpotrfFails) {
@@ -464,7 +363,7 @@ TEST(Spainv, SingularDenseNodeIsSplitAfterDpotrfFails) {
 }
 
 TEST(Spainv, MinimalNodeSizeAboveOneGivesWiderNodesAndTheSameInverse) {
-    const small_pedigree ped = make_pedigree(200, 21);
+    const pedigree_type ped = random_pedigree(200, 21);
     const dmatrix c = animal_model(ped, inbreeding(ped), 0.3, record_weights(200, 1));
     const dmatrix inv = dense_inverse(c);
     const crssparse original = crs_of(c);
@@ -492,20 +391,6 @@ TEST(Spainv, MinimalNodeSizeAboveOneGivesWiderNodesAndTheSameInverse) {
     }
 }
 
-TEST(Spainv, GivenPermutationIsKept) {
-    const dmatrix a = random_spd(30, 0.15, 4);
-    crssparse crs = crs_of(a);
-    const crssparse before = crs;
-    std::vector<std::int32_t> order(30);
-    std::iota(order.rbegin(), order.rend(), 1);  // 30, 29, ..., 1
-    crs.setpermutation32(order);
-    spainv(crs);
-    expect_selected_inverse(before, crs, dense_inverse(a), 1e-13);
-    std::vector<std::int32_t> kept;
-    crs.getpermutation32(kept);
-    EXPECT_EQ(kept, order);
-}
-
 TEST(Spainv, NonSquareOrLowerStoredMatrixStops) {
     std::ostringstream unit;
     const std::string message = " ERROR: the CRS matrix must be square and upper triangular stored";
@@ -514,7 +399,7 @@ TEST(Spainv, NonSquareOrLowerStoredMatrixStops) {
     rect.setoutputunit(&unit);
     EXPECT_TRUE(contains(stop_message(unit, [&] { rect.getspainv(); }), message));
 
-    crssparse lower = convertfromcootocrs(coo_of(random_spd(5, 0.5, 2), false, true));
+    crssparse lower = convertfromcootocrs(coo_of(random_symmetric(5, 0.5, 2), false, true));
     lower.setoutputunit(&unit);
     EXPECT_TRUE(contains(stop_message(unit, [&] { lower.getspainv(); }), message));
 }
@@ -522,32 +407,15 @@ TEST(Spainv, NonSquareOrLowerStoredMatrixStops) {
 TEST(Spainv, PedigreeModelOf200000EquationsAgreesWithCholmodSolves) {
     // A generated pedigree of overlapping generations with its inbreeding,
     // the mean as equation 1 and record weights.
-    krelsim::sim_settings settings;
-    settings.out = "unused";  // nothing is written
-    settings.animals = 199999;
-    settings.genotyped = 0;
-    settings.snps = 1;
-    settings.check();
-    const auto sim = krelsim::simulate_pedigree(settings);
-    const std::int32_t n = static_cast<std::int32_t>(sim.n), neq = n + 1;
-    pedigree_type ped;
-    ped.allocate(n, 0);
-    for (std::int64_t i = 0; i < sim.n; ++i) {
-        ped.ped(1, sim.level[i]) = sim.parent_level(i, 0);
-        ped.ped(2, sim.level[i]) = sim.parent_level(i, 1);
-    }
+    pedigree_type ped = generated_pedigree(199999, 0);
+    const std::int32_t n = ped.nlength(), neq = n + 1;
     {
         log_capture quiet;
         ped.computeinbreeding_ped();
     }
-    std::vector<std::int32_t> sire(static_cast<std::size_t>(n) + 1, 0), dam = sire;
-    for (std::int32_t i = 1; i <= n; ++i) {
-        sire[static_cast<std::size_t>(i)] = ped.sire(i);
-        dam[static_cast<std::size_t>(i)] = ped.dam(i);
-    }
     coosparse coo(neq, std::nullopt, neq, true);
     coo.setsymmetric(true);
-    animal_model(sire, dam, ped.inb, 0.25, record_weights(n, 77),
+    animal_model(ped, ped.inb, 0.25, record_weights(n, 77),
                  [&coo](std::int32_t i, std::int32_t j, double v) { coo.add(i, j, v); });
     crssparse crs = convertfromcootocrs(coo);
     crs.sort();
@@ -652,7 +520,7 @@ std::vector<std::set<std::int32_t>> structure_by_elimination(const dmatrix& a,
 TEST(Smbfct, StructureMatchesEliminationFromAnyStartingSize) {
     for (unsigned seed = 1; seed <= 6; ++seed) {
         const std::int32_t n = 60;
-        const dmatrix a = random_spd(n, 0.04, seed);
+        const dmatrix a = random_symmetric(n, 0.04, seed);
         const crssparse crs = crs_of(a);
         const metisgraph g = convertfromcrstometisgraph(crs);
         std::vector<std::int32_t> perm(n);
@@ -683,15 +551,6 @@ TEST(Smbfct, StructureMatchesEliminationFromAnyStartingSize) {
     }
 }
 
-TEST(SplitInode, NodeBecomesSingleColumns) {
-    std::vector<std::int32_t> inode = {10, 7, 3, 0, -1, -1, -1, -1, -1, -1, -1};
-    std::int32_t nnode = 3;
-    split_inode(inode, nnode, 2);
-    EXPECT_EQ(nnode, 6);
-    EXPECT_EQ(std::vector<std::int32_t>(inode.begin(), inode.begin() + 7),
-              (std::vector<std::int32_t>{10, 7, 6, 5, 4, 3, 0}));
-}
-
 // ---------------------------------------------------------------------------
 // The kernels on a hand-made factor
 
@@ -706,7 +565,7 @@ TEST(SuperSparsinv, FailingDpotriStops) {
 }
 
 TEST(SuperSparsinv, RowwiseProductWithoutSEqualsTheBlockedOne) {
-    const small_pedigree ped = make_pedigree(250, 4);
+    const pedigree_type ped = random_pedigree(250, 4);
     const crssparse crs = crs_of(animal_model(ped, inbreeding(ped), 0.2, record_weights(250, 9)));
     metisgraph g = convertfromcrstometisgraph(crs);
     std::vector<std::int32_t> perm;
@@ -781,7 +640,7 @@ TEST(Dgtrsm, SingularPivotZeroesItsPartAndBadArgumentsStop) {
 // The factorisations
 
 TEST(Getchol, FactorTimesItsTransposeIsThePermutedMatrix) {
-    const small_pedigree ped = make_pedigree(80, 6);
+    const pedigree_type ped = random_pedigree(80, 6);
     const dmatrix c = animal_model(ped, inbreeding(ped), 0.5, record_weights(80, 6));
     const std::int32_t n = 81;
     crssparse chol = crs_of(c);
@@ -794,10 +653,6 @@ TEST(Getchol, FactorTimesItsTransposeIsThePermutedMatrix) {
         chol.getchol();
         ichol.getichol();
     }
-    EXPECT_TRUE(contains(unit.str(), " CRS MATRIX CHOL FACT."));
-    EXPECT_TRUE(contains(unit.str(), " CRS MATRIX SPARSE CHOL FACT."));
-    EXPECT_TRUE(chol.isdecomposed() && ichol.isdecomposed());
-    EXPECT_FALSE(chol.issymmetric() || ichol.issymmetric());
     std::vector<std::int32_t> perm;
     chol.getpermutation32(perm);
 

@@ -108,8 +108,7 @@ TEST_F(generated_set, PedigreeHasOverlappingGenerationsGroupsAndShuffledLevels) 
     EXPECT_EQ(maxall - maxid, groups);
 
     std::set<long long> parents;
-    int lower_than_parent = 0, known_sire = 0, unknown_sire = 0;
-    std::map<long long, int> use;
+    int lower_than_parent = 0, unknown_sire = 0;
     for (const auto& [id, r] : ped) {
         for (int side = 0; side < 2; ++side) {
             const long long p = r[side];
@@ -120,12 +119,7 @@ TEST_F(generated_set, PedigreeHasOverlappingGenerationsGroupsAndShuffledLevels) 
                 EXPECT_LT(it->second[2], r[2]) << id << " and parent " << p;
             }
         }
-        if (r[0] >= 1 && r[0] <= n) {
-            ++known_sire;
-            ++use[r[0]];
-        } else {
-            ++unknown_sire;
-        }
+        unknown_sire += r[0] < 1 || r[0] > n;
     }
     EXPECT_GT(lower_than_parent, 0);
     EXPECT_GT(unknown_sire, 0);
@@ -138,10 +132,6 @@ TEST_F(generated_set, PedigreeHasOverlappingGenerationsGroupsAndShuffledLevels) 
         }
     }
     EXPECT_GT(parent_only, 0);
-    // Some sires are used widely.
-    int most = 0;
-    for (const auto& [s, k] : use) most = std::max(most, k);
-    EXPECT_GT(most, 5 * known_sire / static_cast<int>(use.size()));
 
     for (const auto& r : records(file("metafounders.txt"))) {
         ASSERT_EQ(r.size(), 3u);
@@ -177,35 +167,22 @@ TEST_F(generated_set, PlinkFilesetIsSnpMajorAndMendelian) {
     EXPECT_NEAR(static_cast<double>(missing) / (nsnp * ngeno), 0.02, 0.005);
     EXPECT_GT(monomorphic, 0);
 
-    // Genotyped parent and offspring never carry opposite homozygotes, and
-    // share more genotypes than unrelated animals do.
-    auto identical = [&](std::size_t a, std::size_t b, bool related) {
-        int same = 0, both = 0;
-        for (const auto& snp : bed.g)
-            if (snp[a] >= 0 && snp[b] >= 0) {
-                ++both;
-                same += snp[a] == snp[b];
-                if (related) {
-                    EXPECT_NE(std::abs(snp[a] - snp[b]), 2) << "rows " << a << " and " << b;
-                }
-            }
-        return static_cast<double>(same) / both;
-    };
-    double pairs = 0, sum = 0;
+    // Genotyped parent and offspring never carry opposite homozygotes.
+    int pairs = 0;
     for (const auto& r : fam)
         for (int side = 2; side <= 3; ++side)
             if (auto it = row.find(to_int(r[side])); it != row.end()) {
-                sum += identical(row[to_int(r[0])], it->second, true);
                 ++pairs;
+                for (const auto& snp : bed.g) {
+                    const int a = snp[row[to_int(r[0])]], b = snp[it->second];
+                    EXPECT_FALSE(a >= 0 && b >= 0 && std::abs(a - b) == 2) << r[0] << " and " << r[side];
+                }
             }
-    ASSERT_GT(pairs, 5);
-    double others = 0;
-    for (std::size_t k = 0; k + 1 < 40; k += 2) others += identical(fam.size() - 1 - k, k + 60, false);
-    EXPECT_GT(sum / pairs, others / 20 + 0.1);
+    EXPECT_GT(pairs, 5);
 }
 
-TEST_F(generated_set, FrequenciesAndTextGenotypesAgreeWithTheBed) {
-    const auto fam = records(file("genotypes.fam"));
+TEST_F(generated_set, FrequenciesAgreeWithTheBed) {
+    // The text layouts are compared with the .bed through krel's own readers.
     const auto bed = read_bed(file("genotypes.bed"), nsnp, ngeno);
     const auto freq = records(file("frequencies.txt"));
     ASSERT_EQ(freq.size(), static_cast<std::size_t>(nsnp));
@@ -219,135 +196,74 @@ TEST_F(generated_set, FrequenciesAndTextGenotypesAgreeWithTheBed) {
         EXPECT_TRUE(p >= 0.0 && p <= 1.0);
         EXPECT_NEAR(p, alleles / seen, 1e-14) << "SNP " << j + 1;
     }
-
-    const auto nospace = records(file("genotypes_nospace.txt"));
-    const auto spaced = records(file("genotypes_spaced.txt"));
-    ASSERT_EQ(nospace.size(), fam.size());
-    ASSERT_EQ(spaced.size(), fam.size());
-    bool leading_blanks = false;
-    std::ifstream raw(file("genotypes_nospace.txt"));
-    for (std::string line; std::getline(raw, line);) leading_blanks = leading_blanks || line[0] == ' ';
-    EXPECT_TRUE(leading_blanks);
-    for (std::size_t k = 0; k < fam.size(); ++k) {
-        ASSERT_EQ(nospace[k].size(), 2u);  // identity, then one digit per SNP
-        ASSERT_EQ(spaced[k].size(), static_cast<std::size_t>(nsnp + 1));
-        EXPECT_EQ(nospace[k][0], fam[k][0]);
-        EXPECT_EQ(spaced[k][0], fam[k][0]);
-        ASSERT_EQ(nospace[k][1].size(), static_cast<std::size_t>(nsnp));
-        for (std::size_t j = 0; j < static_cast<std::size_t>(nsnp); ++j) {
-            const int digit = nospace[k][1][j] - '0';
-            EXPECT_EQ(std::to_string(digit), spaced[k][j + 1]);
-            if (bed.g[j][k] >= 0)
-                EXPECT_EQ(digit, bed.g[j][k]);
-            else  // no missing code in text: the nearest allele count of 2p
-                EXPECT_EQ(digit, std::lround(2.0 * to_real(freq[j][1])));
-        }
-    }
 }
 
 TEST_F(generated_set, ReliabilitiesBehaveLikeThoseOfAnEvaluation) {
-    const double g[2] = {to_real(records(file("genetic_vcv.txt"))[0][0]), to_real(records(file("genetic_vcv.txt"))[1][1])};
+    const auto gv = records(file("genetic_vcv.txt"));
+    const double g[2] = {to_real(gv[0][0]), to_real(gv[1][1])};
     std::map<long long, std::vector<double>> rel;
-    std::map<long long, int> own;
+    std::map<long long, long long> own;
     for (const auto& r : records(file("rel.txt"))) {
         ASSERT_EQ(r.size(), 5u);  // level, two further columns, one value per trait
-        for (int t = 0; t < 2; ++t) {
-            const double x = to_real(r[3 + t]);
-            EXPECT_TRUE(x >= 0.0 && x < 1.0) << x;
-        }
         rel[to_int(r[0])] = {to_real(r[3]), to_real(r[4])};
-        own[to_int(r[0])] = static_cast<int>(to_int(r[2]));
+        own[to_int(r[0])] = to_int(r[2]);
+        for (double x : rel[to_int(r[0])]) EXPECT_TRUE(x >= 0.0 && x < 1.0) << x;
     }
     ASSERT_EQ(rel.size(), static_cast<std::size_t>(n));
-
-    std::map<int, int> per_trait;
-    int other_effect = 0;
+    std::map<long long, int> per_trait;
     for (const auto& r : records(file("pev.txt"))) {
         ASSERT_EQ(r.size(), 5u);
-        const int t = static_cast<int>(to_int(r[0])) - 1;
-        if (to_int(r[1]) != 1) {
-            ++other_effect;
-            continue;
-        }
+        const auto t = to_int(r[0]) - 1;
+        if (to_int(r[1]) != 1) continue;
         ++per_trait[t];
-        EXPECT_EQ(r[2], r[3]);
-        const double pev = to_real(r[4]);
-        EXPECT_NEAR(pev, g[t] * (1.0 - rel.at(to_int(r[2]))[t]), 1e-5 * g[t]);
+        EXPECT_NEAR(to_real(r[4]), g[t] * (1.0 - rel.at(to_int(r[2]))[t]), 1e-5 * g[t]);
     }
     EXPECT_EQ(per_trait[0], n);
     EXPECT_EQ(per_trait[1], n);
-    EXPECT_GT(other_effect, 0);
 
-    // Own records and progeny raise the reliability; animals with no
-    // information at all have none; young animals get a parent average.
+    // Young animals without records or progeny get a quarter of their
+    // parents' reliabilities; some animals have none at all.
     std::map<long long, std::vector<long long>> ped;
-    std::map<long long, int> progeny;
+    std::set<long long> parents;
     for (const auto& r : records(file("pedigree.txt"))) {
         ped[to_int(r[0])] = {to_int(r[1]), to_int(r[2])};
-        for (int side = 1; side <= 2; ++side) ++progeny[to_int(r[side])];
+        parents.insert({to_int(r[1]), to_int(r[2])});
     }
-    double with_record = 0, big_sires = 0;
-    int nrecord = 0, nbig = 0, zero = 0, young_pa = 0;
+    int zero = 0, young_pa = 0;
     for (const auto& [id, x] : rel) {
-        if (own[id] > 0) with_record += x[0], ++nrecord;
-        if (progeny[id] >= 30) big_sires += x[0], ++nbig;
         zero += x[0] == 0.0;
         const auto it = ped.find(id);
-        if (own[id] == 0 && progeny[id] == 0 && it != ped.end()) {
-            double pa = 0;
-            for (long long p : it->second)
-                if (p >= 1 && p <= n) pa += rel[p][0];
-            if (pa > 0) {
-                ++young_pa;
-                EXPECT_NEAR(x[0], pa / 4, 1e-6) << id;
-            }
+        if (own[id] != 0 || parents.count(id) || it == ped.end()) continue;
+        double pa = 0;
+        for (long long p : it->second)
+            if (p >= 1 && p <= n) pa += rel[p][0];
+        if (pa > 0) {
+            ++young_pa;
+            EXPECT_NEAR(x[0], pa / 4, 1e-6) << id;
         }
     }
-    ASSERT_GT(nrecord, 0);
-    ASSERT_GT(nbig, 0);
-    EXPECT_GT(with_record / nrecord, 0.3 - 1e-9);
-    EXPECT_GT(big_sires / nbig, 0.7);
     EXPECT_GT(zero, 0);
     EXPECT_GT(young_pa, 0);
 }
 
-TEST_F(generated_set, VarianceAndSolutionFilesHaveTheirColumns) {
+TEST_F(generated_set, HeritabilityAgreesWithTheVariances) {
     const auto h2 = records(file("heritability.txt"));
     ASSERT_EQ(h2.size(), 2u);
     const auto gv = records(file("genetic_vcv.txt"));
-    ASSERT_EQ(gv.size(), 2u);
-    EXPECT_EQ(gv[0].size(), 1u);
-    EXPECT_EQ(gv[1].size(), 2u);
     const auto rv = records(file("residual_vcv.txt"));
+    ASSERT_EQ(gv.size(), 2u);
     ASSERT_EQ(rv.size(), 2u);
-    EXPECT_EQ(rv[1].size(), 4u);  // class, row, the row's lower triangle
+    ASSERT_EQ(rv[1].size(), 4u);  // class, row, the row's lower triangle
     for (int t = 0; t < 2; ++t) {
         const double g = to_real(gv[t][t]), r = to_real(rv[t][2 + t]);
         EXPECT_NEAR(to_real(h2[t][0]), g / (g + r), 1e-12);
     }
-    EXPECT_EQ(records(file("snp_vcv.txt")).size(), 2u);
-
-    std::map<int, int> snp_records;
-    for (const auto& r : records(file("snp_solutions.txt"))) {
-        ASSERT_EQ(r.size(), 5u);
-        if (to_int(r[1]) == 2) ++snp_records[static_cast<int>(to_int(r[0]))];
-    }
-    EXPECT_EQ(snp_records[1], nsnp);
-    EXPECT_EQ(snp_records[2], nsnp);
-    const auto six = records(file("snp_solutions_tarnelo.txt"));
-    ASSERT_FALSE(six.empty());
-    int six_snp = 0;
-    for (const auto& r : six) {
-        ASSERT_EQ(r.size(), 6u);
-        if (&r != &six.front() && to_int(r[3]) == 2) ++six_snp;
-    }
-    EXPECT_EQ(six_snp, 2 * nsnp);
 }
 
 TEST(simulate, SameSeedGivesSameFilesWhateverTheThreads) {
     scratch_dir dir;
     std::vector<std::string> args = {"--animals", "900", "--genotyped", "70", "--snps", "300", "--text",
-                                     "--centred-text", "--groups", "2"};
+                                     "--groups", "2"};
     auto with = [&](const char* out, const char* seed) {
         auto a = args;
         a.insert(a.end(), {"--out", out, "--seed", seed});
@@ -365,15 +281,6 @@ TEST(simulate, SameSeedGivesSameFilesWhateverTheThreads) {
     EXPECT_GE(files, 15);
     EXPECT_NE(dir.read("a/pedigree.txt"), dir.read("c/pedigree.txt"));
     EXPECT_NE(dir.read("a/genotypes.bed"), dir.read("c/genotypes.bed"));
-    // Centred text holds g - 2p, and 0 where the genotype is missing.
-    const auto centred = records(dir / "a/genotypes_spaced.txt");
-    const auto freq = records(dir / "a/frequencies.txt");
-    const auto bed = read_bed(dir / "a/genotypes.bed", 300, 70);
-    for (std::size_t j = 0; j < 300; ++j)
-        for (std::size_t k = 0; k < 70; ++k) {
-            const double expected = bed.g[j][k] < 0 ? 0.0 : bed.g[j][k] - 2.0 * to_real(freq[j][1]);
-            ASSERT_NEAR(to_real(centred[k][j + 1]), expected, 1e-6);
-        }
 }
 
 TEST(simulate, BadArgumentsGiveAMessageAndAFailure) {
@@ -382,7 +289,6 @@ TEST(simulate, BadArgumentsGiveAMessageAndAFailure) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"--out", "x", "--animals", "-5"}, "--animals"},
         {{"--out", "x", "--animals", "10", "--genotyped", "11"}, "--genotyped"},
-        {{"--out", "x", "--genotyped", "-1"}, "--genotyped"},
         {{"--out", "x", "--snps", "0"}, "--snps"},
         {{"--out", "x", "--traits", "3"}, "--traits"},
         {{"--out", "x", "--missing", "1.5"}, "--missing"},
@@ -402,8 +308,6 @@ TEST(simulate, MeiosisMasksSwitchAtEachCrossover) {
     std::vector<std::uint64_t> mask(3);
     krelsim::meiosis_masks(0, {}, 0, 3, mask.data());
     EXPECT_EQ(mask, (std::vector<std::uint64_t>{0, 0, 0}));
-    krelsim::meiosis_masks(1, {}, 0, 3, mask.data());
-    EXPECT_EQ(mask, (std::vector<std::uint64_t>(3, ~0ull)));
     // From SNP 70 on the second haplotype, back to the first at SNP 128,
     // and at 129 again.
     krelsim::meiosis_masks(0, {70, 128, 129}, 0, 3, mask.data());

@@ -5,32 +5,26 @@
 namespace krel {
 namespace {
 
-TEST(BlasCore, GenericCoresAreReplacedByTheOneTheCpuCallsFor) {
-    EXPECT_EQ(blas_core_to_select("Prescott", "SkylakeX", false, false), "SkylakeX");
-    EXPECT_EQ(blas_core_to_select("Nehalem", "Haswell", false, false), "Haswell");
-    EXPECT_EQ(blas_core_to_select("Haswell", "SkylakeX", false, false), "SkylakeX");
-    EXPECT_EQ(blas_core_to_select("Unknown", "SandyBridge", false, false), "SandyBridge");
-}
-
-TEST(BlasCore, TheLibrarysChoiceIsKept) {
-    // As good or better already.
-    EXPECT_EQ(blas_core_to_select("SkylakeX", "SkylakeX", false, false), "");
-    EXPECT_EQ(blas_core_to_select("Cooperlake", "SkylakeX", false, false), "");
-    EXPECT_EQ(blas_core_to_select("Zen", "Haswell", false, false), "");
-    // The user decides, or opts out.
-    EXPECT_EQ(blas_core_to_select("Prescott", "SkylakeX", true, false), "");
-    EXPECT_EQ(blas_core_to_select("Prescott", "SkylakeX", false, true), "");
-    // A processor without AVX, or a core name the table does not know.
-    EXPECT_EQ(blas_core_to_select("Prescott", "", false, false), "");
-    EXPECT_EQ(blas_core_to_select("NewCoreName", "SkylakeX", false, false), "");
-}
-
-TEST(BlasCore, RanksAreCaseInsensitive) {
-    EXPECT_EQ(blas_core_rank("PRESCOTT"), 0);
-    EXPECT_EQ(blas_core_rank("skylakex"), 3);
-    EXPECT_EQ(blas_core_rank("Haswell"), 2);
+TEST(BlasCore, GenericCoresAreReplacedAndBetterOrChosenOnesKept) {
+    struct row {
+        const char *library, *cpu;
+        bool user_set, opted_out;
+        const char* selected;
+    };
+    for (const row& r : std::vector<row>{{"Prescott", "SkylakeX", false, false, "SkylakeX"},
+                                         {"Nehalem", "Haswell", false, false, "Haswell"},
+                                         {"Haswell", "SkylakeX", false, false, "SkylakeX"},
+                                         {"Unknown", "SandyBridge", false, false, "SandyBridge"},
+                                         {"Cooperlake", "SkylakeX", false, false, ""},
+                                         {"Zen", "Haswell", false, false, ""},
+                                         {"Prescott", "SkylakeX", true, false, ""},
+                                         {"Prescott", "SkylakeX", false, true, ""},
+                                         {"Prescott", "", false, false, ""},  // no AVX
+                                         {"NewCoreName", "SkylakeX", false, false, ""}})
+        EXPECT_EQ(blas_core_to_select(r.library, r.cpu, r.user_set, r.opted_out), r.selected)
+            << r.library << " " << r.cpu;
+    EXPECT_EQ(blas_core_rank("skylakex"), blas_core_rank("SKYLAKEX"));
     EXPECT_EQ(blas_core_rank("something"), -1);
-    EXPECT_FALSE(blas_core_in_use().empty());
 }
 
 }  // namespace

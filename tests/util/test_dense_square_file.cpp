@@ -49,10 +49,7 @@ TEST_F(WriteDensesquare, TriangleFormatsWriteTheUpperTriangleByColumns) {
         "0.00000000 0.12345678E+4 0.10000000E-2 \n";
     const fs::path tri = dir_ / "tri.txt";
     const fs::path utri = dir_ / "utri.txt";
-    {
-        std::ofstream old(tri);
-        old << "a much longer old content that has to disappear entirely\n";
-    }
+    std::ofstream(tri) << "a much longer old content that has to disappear entirely\n";
     m_.write_densesquare(tri.string(), "tri");
     m_.write_densesquare(utri.string(), "_tri");
     EXPECT_EQ(testing::read_text(tri), expected);
@@ -60,22 +57,15 @@ TEST_F(WriteDensesquare, TriangleFormatsWriteTheUpperTriangleByColumns) {
     EXPECT_EQ(log_.text(), "");
 }
 
-TEST_F(WriteDensesquare, UnknownFormatIsLoggedAndWritesNothing) {
+TEST_F(WriteDensesquare, UnknownFormatOrUnopenableFileIsLogged) {
     const fs::path p = dir_ / "full.txt";
     EXPECT_NO_THROW(m_.write_densesquare(p.string(), "full"));
     EXPECT_FALSE(fs::exists(p));
-    const std::string log = log_.text();
-    EXPECT_EQ(log.rfind("modstructure % write_densesquare (", 0), 0u) << log;
-    EXPECT_NE(log.find("): ERROR: The format \"full\" for the densesquare matrix is not implemented!\n"),
-              std::string::npos)
-        << log;
-}
-
-TEST_F(WriteDensesquare, UnopenableFileIsLoggedAndStops) {
-    const fs::path p = dir_ / "missing_directory" / "m.txt";
-    EXPECT_THROW(m_.write_densesquare(p.string(), "tri"), error_stop);
-    EXPECT_NE(log_.text().find(p.string()), std::string::npos) << log_.text();
-    EXPECT_NE(log_.text().find("ERROR"), std::string::npos) << log_.text();
+    EXPECT_TRUE(testing::contains(log_.text(), "ERROR: The format \"full\" for the densesquare matrix is not implemented!\n"))
+        << log_.text();
+    const fs::path q = dir_ / "missing_directory" / "m.txt";
+    EXPECT_THROW(m_.write_densesquare(q.string(), "tri"), error_stop);
+    EXPECT_TRUE(testing::contains(log_.text(), q.string())) << log_.text();
 }
 
 }  // namespace

@@ -66,16 +66,10 @@ TEST(Realtochar, EditDescriptors) {
          "10000000000000000159028911097599180468360808563945281389781327557747838772170381"
          "060813469985856815104."},
         // fw.d: the zero before the point goes first, then the value overflows.
-        {0.05, "(f8.3)", "0.050"}, {-0.05, "(f5.3)", "-.050"}, {0.125, "(f2.1)", ".1"},
-        {-0.9996, "(f5.3)", "*****"}, {1.5, "(f2.1)", "**"}, {0.4, "(f1.0)", "*"},
+        {0.05, "(f8.3)", "0.050"}, {-0.05, "(f5.3)", "-.050"}, {-0.9996, "(f5.3)", "*****"},
         // ew.d: two exponent digits, or three in place of the E.
-        {12.345678, "(e16.8)", "0.12345678E+02"}, {-0.0, "(e16.8)", "-0.00000000E+00"},
-        {1.0e-100, "(e16.8)", "0.10000000E-99"}, {1.0e100, "(e16.8)", "0.10000000+101"},
-        {1.0e-310, "(e16.8)", "0.10000000-309"}, {5.0e-324, "(e16.8)", "0.49406565-323"},
-        {0.9996, "(e10.3)", "0.100E+01"}, {999999.5, "(e10.3)", "0.100E+07"},
-        {1.5, "(e8.1)", "0.2E+01"}, {0.015, "(e8.1)", "0.1E-01"},
-        {-0.5, "(e14.8)", "-.50000000E+00"}, {0.5, "(e12.8)", "************"},
-        {1.0e200, "(e8.3)", ".100+201"},
+        {12.345678, "(e16.8)", "0.12345678E+02"}, {1.0e100, "(e16.8)", "0.10000000+101"},
+        {0.9996, "(e10.3)", "0.100E+01"}, {-0.5, "(e14.8)", "-.50000000E+00"}, {0.5, "(e12.8)", "************"},
         // e0.d: fewest exponent digits; gfortran leaves out an exponent of zero.
         {0.05, "(e0.8)", "0.50000000E-1"}, {1.0e100, "(e0.8)", "0.10000000E+101"},
         {5.0e-324, "(e0.8)", "0.49406565E-323"}, {-0.5, "(e0.8)", "-0.50000000"},
@@ -84,7 +78,6 @@ TEST(Realtochar, EditDescriptors) {
         {0.05, "(es16.8)", "5.00000000E-02"}, {1.0e-310, "(es16.8)", "1.00000000-310"},
         {0.5, "(es13.8)", "*************"}, {-25.0, "(es8.0)", "-2.E+01"},
         {123.456, "(es0.4)", "1.2346E+2"}, {2.5, "(es0.4)", "2.5000"},
-        {999999.5, "(es0.4)", "1.0000E+6"}, {1.0e100, "(es0.4)", "1.0000E+100"},
         // g0.d: fixed form inside the range of the digits, exponent form outside.
         {0.9996, "(g0.6)", "0.999600"}, {-0.5, "(g0.6)", "-0.500000"},
         {0.09999999, "(g0.6)", "0.100000"}, {0.0999999, "(g0.6)", "0.999999E-1"},
@@ -115,9 +108,8 @@ TEST(Realtochar, ShortestTextReadsBackExactly) {
     const struct {
         double value;
         const char* text;
-    } cases[] = {{1.0 / 3.0, "0.3333333333333333"}, {1.0e-310, "1e-310"}, {5.0e-324, "5e-324"},
-                 {DBL_MAX, "1.7976931348623157e+308"}, {-0.0, "-0"}, {1.0e6, "1e+06"},
-                 {123456789.0, "123456789"}};
+    } cases[] = {{1.0 / 3.0, "0.3333333333333333"}, {5.0e-324, "5e-324"}, {-0.0, "-0"},
+                 {1.0e6, "1e+06"}, {123456789.0, "123456789"}};
     for (const auto& c : cases) {
         const std::string text = realtochar(c.value);
         EXPECT_EQ(text, c.text);
@@ -136,46 +128,24 @@ TEST(Realtochar, ShortestTextReadsBackExactly) {
     }
 }
 
-TEST(Outputfile, JoinsDirectoryAndFileName) {
+TEST(Outputfile, JoinsDirectoryAndFileNameAndFindsWords) {
     EXPECT_EQ(outputfile("out/   ", "/abs/path/file"), "out/file");
-    EXPECT_EQ(outputfile("out/", "plain.txt"), "out/plain.txt");
     EXPECT_EQ(outputfile("results", "x/y"), "resultsy");  // the dir brings its own "/"
-    EXPECT_EQ(outputfile("out/", "dir/"), "out/");
-}
-
-TEST(PosWords, StartsOfWordsAreOneBased) {
     EXPECT_EQ(pos_words("  ab   cd\tef  "), (std::vector<int>{3, 8, 11}));
-    EXPECT_EQ(pos_words("ab"), (std::vector<int>{1}));
-    EXPECT_TRUE(pos_words(" \t  ").empty());
 }
 
 TEST(ProgressBar, EachTenthOncePerLoop) {
     progress_bar bar;
     std::ostringstream out;
     for (int pass = 0; pass < 2; ++pass)
-        for (std::int64_t i = 1; i <= 1000; ++i) bar.update(i, 1000, out);
-    const std::string line = "  10%  20%  30%  40%  50%  60%  70%  80%  90%  100%\n";
+        for (std::int64_t i = 1; i <= 7; ++i) bar.update(i, 7, out);
+    const std::string line = "  14%  28%  42%  57%  71%  85%  100%\n";  // truncated percentages
     EXPECT_EQ(out.str(), line + line);
-
-    std::ostringstream seven;  // truncated percentages
-    for (std::int64_t i = 1; i <= 7; ++i) bar.update(i, 7, seven);
-    EXPECT_EQ(seven.str(), "  14%  28%  42%  57%  71%  85%  100%\n");
-
-    std::ostringstream again;
-    for (std::int64_t i : {50, 50, 59}) bar.update(i, 100, again);
-    EXPECT_EQ(again.str(), "  50%");
-}
-
-TEST(ProgressBar, SinglePrecisionRatioAndEmptyLoops) {
-    progress_bar bar;
-    std::ostringstream out;
-    bar.update(100000000, 100000001, out);  // a ratio of 1 in single precision
-    EXPECT_EQ(out.str(), "  100%\n");
-    std::ostringstream none;
-    bar.update(1, 0, none);
-    bar.update(5, -3, none);
-    bar.update(-5, 10, none);
-    EXPECT_EQ(none.str(), "");
+    std::ostringstream edges;
+    bar.update(100000000, 100000001, edges);  // a ratio of 1 in single precision
+    bar.update(1, 0, edges);
+    bar.update(-5, 10, edges);
+    EXPECT_EQ(edges.str(), "  100%\n");
 }
 
 TEST(MakeDirectory, CreatesParentsOrLogsTheFailure) {
@@ -185,23 +155,13 @@ TEST(MakeDirectory, CreatesParentsOrLogsTheFailure) {
     EXPECT_TRUE(make_directory(path));
     EXPECT_TRUE(std::filesystem::is_directory(path));
     EXPECT_EQ(log.text(), path + " created sucessfully\n");
-    log.clear();
-    EXPECT_TRUE(make_directory(path));  // already there
-    EXPECT_NE(log.text().find("created sucessfully"), std::string::npos);
-
-    const std::filesystem::path file = dir / "file";
-    std::ofstream(file) << "x";
-    const std::string sub = (file / "sub").string();
+    dir.write("file", "x");
+    const std::string sub = (dir / "file" / "sub").string();
     log.clear();
     EXPECT_FALSE(make_directory(sub));
-    const std::string text = log.text();
-    EXPECT_NE(text.find("modbasic % make_directory ("), std::string::npos) << text;
-    EXPECT_NE(text.find("ERROR: "), std::string::npos) << text;
-    EXPECT_NE(text.find(sub), std::string::npos) << text;
-    EXPECT_EQ(text.find("sucessfully"), std::string::npos) << text;
-    log.clear();
-    EXPECT_FALSE(make_directory(file.string()));  // a file of that name is in the way
-    EXPECT_NE(log.text().find("ERROR: "), std::string::npos);
+    EXPECT_TRUE(testing::contains(log.text(), "modbasic % make_directory (")) << log.text();
+    EXPECT_TRUE(testing::contains(log.text(), "ERROR: ")) << log.text();
+    EXPECT_TRUE(testing::contains(log.text(), sub)) << log.text();
 }
 
 }  // namespace

@@ -10,31 +10,23 @@ namespace krel {
 namespace {
 
 TEST(LoggerFormat, SplitsAtBlanksAndIndentsContinuation) {
-    const auto lines = format_log_lines("", "aaa bbb ccc ddd", 8, true);
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "aaa bbb");
-    EXPECT_EQ(lines[1], "    ccc");
-    EXPECT_EQ(lines[2], "    ddd");
-    // Without indent the continuation starts in the first column.
-    EXPECT_EQ(format_log_lines("", "aaa bbb ccc", 8, false)[1], "ccc");
-    // Continuation lines stand under the text behind a prefix.
-    EXPECT_EQ(format_log_lines("INFO: ", "aaaa bbbb", 10, true)[1], "      bbbb");
-}
-
-TEST(LoggerFormat, LineFeedsAndLongWords) {
-    const auto lines = format_log_lines("", "\n              Compiler: x", 82, false);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "");
-    EXPECT_EQ(lines[1], "              Compiler: x");
-    // A word longer than the width is not cut.
     const std::string word(100, 'w');
-    const auto long_lines = format_log_lines("", "name: " + word, 82, true);
-    ASSERT_EQ(long_lines.size(), 2u);
-    EXPECT_EQ(long_lines[1], "    " + word);
-    // No width: never split.
-    EXPECT_EQ(format_log_lines("", std::string(300, 'a') + " b", 0, true).size(), 1u);
-    // An 82-character rule fits its width exactly.
-    EXPECT_EQ(format_log_lines("", std::string(82, '*'), 82, true).size(), 1u);
+    const struct {
+        const char* prefix;
+        std::string text;
+        int width;
+        bool indent;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"", "aaa bbb ccc ddd", 8, true, {"aaa bbb", "    ccc", "    ddd"}},
+        {"", "aaa bbb ccc", 8, false, {"aaa bbb", "ccc"}},
+        {"INFO: ", "aaaa bbbb", 10, true, {"INFO: aaaa", "      bbbb"}},  // under the text
+        {"", "\n  Compiler: x", 82, false, {"", "  Compiler: x"}},
+        {"", "name: " + word, 82, true, {"name:", "    " + word}},  // long words stay whole
+        {"", std::string(300, 'a') + " b", 0, true, {std::string(300, 'a') + " b"}},  // no width
+        {"", std::string(82, '*'), 82, true, {std::string(82, '*')}},
+    };
+    for (const auto& c : cases) EXPECT_EQ(format_log_lines(c.prefix, c.text, c.width, c.indent), c.lines) << c.text;
 }
 
 TEST(Logger, EveryUnitGetsEveryMessageWithLevelPrefixes) {
@@ -66,7 +58,7 @@ TEST(Logger, EveryUnitGetsEveryMessageWithLevelPrefixes) {
     EXPECT_EQ(testing::read_text(file), expected);
 }
 
-TEST(Logger, LevelsFilterAndResetRestoresDefaults) {
+TEST(Logger, LevelsFilterTimeStampsAndUnopenableFiles) {
     std::ostringstream out;
     logger_type log;
     log.configure(std::nullopt, std::nullopt, log_level::warning, std::nullopt, false);
@@ -77,35 +69,13 @@ TEST(Logger, LevelsFilterAndResetRestoresDefaults) {
     log.log_message("plain lines are always shown");
     EXPECT_EQ(out.str(), "WARN: shown\nplain lines are always shown\n");
 
-    log.reset();
-    EXPECT_TRUE(log.configuration().empty());
-    log.log_message("nowhere");  // no unit: nothing to do, no failure
-    EXPECT_TRUE(log.indent());
-    EXPECT_EQ(log.max_width(), 0);
-}
-
-TEST(Logger, TimeStampsAreOnByDefault) {
-    std::ostringstream out;
-    logger_type log;
-    log.add_log_unit(out);
+    log.reset();  // back to the defaults: time stamps on
+    std::ostringstream stamped;
+    log.add_log_unit(stamped);
     log.log_message("x");
-    // "YYYY-MM-DD hh:mm:ss.sss: x"
-    const std::string text = out.str();
-    ASSERT_GE(text.size(), 26u);
-    EXPECT_EQ(text.substr(4, 1), "-");
-    EXPECT_EQ(text.substr(23), ": x\n");
-}
-
-TEST(Logger, ProcedureTextNamesTheRoutineAndThePlaceOfTheCall) {
-    const int line = __LINE__ + 1;
-    const std::string text = procedure_at("readgf");
-    EXPECT_EQ(text, "readgf (test_logger.cpp:" + std::to_string(line) + ")");
-}
-
-TEST(Logger, UnopenableFileIsRefused) {
-    logger_type log;
+    ASSERT_GE(stamped.str().size(), 26u);  // "YYYY-MM-DD hh:mm:ss.sss: x"
+    EXPECT_EQ(stamped.str().substr(23), ": x\n");
     EXPECT_THROW(log.add_log_file("/nonexistent-directory/log.dat"), std::runtime_error);
-    EXPECT_TRUE(log.configuration().empty());
 }
 
 TEST(RunStatistics, MemoryReportKeepsTheVmLinesOnly) {
