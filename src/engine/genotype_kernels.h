@@ -7,7 +7,7 @@
 // width of the vectors differs.
 #include <cstdint>
 
-namespace krel::genokernels {
+namespace krel::genotype_kernels {
 
 // Individuals in a row block of the transposed product (8 bytes) and SNPs in
 // a SNP block of the plain product.
@@ -93,4 +93,4 @@ const kernel_set& portable_kernels();
 const kernel_set* avx2_kernels();
 const kernel_set* avx512_kernels();
 
-}  // namespace krel::genokernels
+}  // namespace krel::genotype_kernels
