@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "sparse/sparse_matrix.h"
+#include "sparse/metis_ordering.h"
 #include "sparse/sparse_stream_io.h"
 #include "util/fortran_format.h"
 
@@ -397,6 +398,10 @@ void crssparse::external(std::span<const std::int32_t> ia_, std::span<const std:
     std::copy(ia_.begin(), ia_.end(), ia.begin());
     std::copy(ja_.begin(), ja_.end(), ja.begin());
     std::copy(a_.begin(), a_.end(), a.begin());
+}
+
+void crssparse::getordering(std::vector<std::int32_t>& perm_out) const {
+    getordering(perm_out, ordering_options{});
 }
 
 void crssparse::getordering(std::vector<std::int32_t>& perm_out,

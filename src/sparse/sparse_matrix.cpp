@@ -7,6 +7,7 @@
 #include <iostream>
 #include <limits>
 
+#include "sparse/metis_ordering.h"
 #include "sparse/sparse_stream_io.h"
 #include "util/error_stop.h"
 

@@ -21,7 +21,7 @@
 // sorted upper-stored square matrix is always the diagonal of row i.
 #include <cmath>
 #include <cstdint>
-#include <iostream>
+#include <iosfwd>
 #include <optional>
 #include <span>
 #include <string>
@@ -30,9 +30,9 @@
 
 #include "sparse/coo_hash.h"
 #include "sparse/direct_solver.h"
-#include "sparse/metis_ordering.h"
 #include "sparse/zeroed_array.h"
 #include "util/dense_matrix.h"
+#include "util/standard_output.h"
 
 namespace krel {
 
@@ -40,6 +40,8 @@ class coosparse;
 class crssparse;
 class crssparse64;
 class llsparse;
+struct metisgraph;
+struct ordering_options;
 
 // Conversions: each carries lupperstorage into the new matrix and then its
 // lsymmetric through setsymmetric.
@@ -162,7 +164,7 @@ protected:
     // The lines of print_dim that depend on the class.
     virtual void print_dim_details(std::ostream& unit) const;
 
-    std::ostream* unlog = &std::cout;
+    std::ostream* unlog = &standard_output();
     std::int32_t dim1 = 0;
     std::int32_t dim2 = 0;
     std::optional<std::vector<std::int32_t>> perm;
@@ -398,9 +400,10 @@ public:
     std::vector<double> harville(std::int32_t nsamples, std::int32_t seed,
                                  std::int32_t nburnin = 0) const;
     // Fill-reducing ordering of the symmetric upper-stored matrix by METIS:
-    // perm is replaced by dim1 1-based positions.
-    void getordering(std::vector<std::int32_t>& perm_out,
-                     const ordering_options& options = {}) const;
+    // perm is replaced by dim1 1-based positions. The options given win over
+    // those of metis_ordering_options.
+    void getordering(std::vector<std::int32_t>& perm_out) const;
+    void getordering(std::vector<std::int32_t>& perm_out, const ordering_options& options) const;
     crssparse submatrix(std::int32_t startrow, std::int32_t endrow, std::int32_t startcol,
                         std::int32_t endcol, std::optional<bool> lupper = std::nullopt,
                         std::ostream* unlog = nullptr) const;

@@ -18,6 +18,7 @@
 #include "inputs/pedigree.h"
 #include "simulate/sim_pedigree.h"
 #include "simulate/sim_settings.h"
+#include "sparse/metis_ordering.h"
 #include "sparse/selected_inverse.h"
 #include "sparse/sparse_matrix.h"
 #include "sparse/supernodal_kernels.h"
