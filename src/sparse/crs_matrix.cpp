@@ -436,19 +436,6 @@ char crssparse::kind() const {
     return 'G';
 }
 
-void crssparse::check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
-                           std::int64_t ncoly) const {
-    if (trans == 'N' || trans == 'n') {
-        if (leny != dim1 || lenx != dim2 || ncolx != ncoly)
-            stop("  ERROR (mult): wrong dimensions");
-    } else if (trans == 'T' || trans == 't') {
-        if (leny != dim2 || lenx != dim1 || ncolx != ncoly)
-            stop("  ERROR (mult): wrong dimensions");
-    } else {
-        stop("  ERROR (mult): wrong transposition");
-    }
-}
-
 namespace {
 
 // One right-hand side; x and y are 0-based.

@@ -57,6 +57,19 @@ void gen_sparse::setpermutation64(std::span<const std::int64_t> array) {
     perm64.emplace(array.begin(), array.end());
 }
 
+void gen_sparse::check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
+                            std::int64_t ncoly) const {
+    if (trans == 'N' || trans == 'n') {
+        if (leny != dim1 || lenx != dim2 || ncolx != ncoly)
+            stop("  ERROR (mult): wrong dimensions");
+    } else if (trans == 'T' || trans == 't') {
+        if (leny != dim2 || lenx != dim1 || ncolx != ncoly)
+            stop("  ERROR (mult): wrong dimensions");
+    } else {
+        stop("  ERROR (mult): wrong transposition");
+    }
+}
+
 void gen_sparse::setoutputunit(std::ostream* unit) { unlog = unit ? unit : &std::cout; }
 
 void gen_sparse::setsymmetric(std::optional<bool> flag) {

@@ -161,6 +161,10 @@ protected:
     std::ostream& out() const;
     // Writes the message on the unit of the matrix and stops the run.
     [[noreturn]] void stop(std::string_view message) const;
+    // Stops unless op(A), trans "N"/"n" or "T"/"t", takes x of lenx rows to
+    // y of leny rows, with as many columns in x as in y.
+    void check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
+                    std::int64_t ncoly) const;
     // The lines of print_dim that depend on the class.
     virtual void print_dim_details(std::ostream& unit) const;
 
@@ -248,8 +252,13 @@ private:
     // tolerance; the message is that of set.
     void grow(bool report);
     void print_dim_details(std::ostream& unit) const override;
+    // The check of gen_sparse, after refusing a symmetric matrix stored in full.
     void check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
                     std::int64_t ncoly) const;
+    // y += alpha op(A) x for ncol columns, column j of x at x + j ldx and of
+    // y at y + j ldy.
+    void add_product(double alpha, char trans, const double* x, std::int64_t ldx, double* y,
+                     std::int64_t ldy, std::int64_t ncol) const;
     // Calls f(row, col, value) for every element of the full matrix: a
     // symmetric upper-stored matrix gives its mirror elements too.
     template <class F>
@@ -446,8 +455,6 @@ public:
                    std::optional<std::int32_t> msglvl = std::nullopt);
 
 private:
-    void check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
-                    std::int64_t ncoly) const;
     char kind() const;
     // The factorisation of the first solveldlt, with its messages, and the
     // solve of nrhs columns in the order of the matrix.
