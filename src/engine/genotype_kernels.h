@@ -1,6 +1,6 @@
 #pragma once
 // Inner kernels of the products with packed genotypes. The products in
-// engine/modplink.cpp own the threads, the partition of the work and the
+// engine/packed_genotype_products.cpp own the threads, the partition of the work and the
 // working arrays; a kernel set does the expansion of tiles and the
 // multiply-adds for one thread's share. Every set gives the same bits: the
 // expansion forms and the order of the multiply-adds are fixed, only the

@@ -110,7 +110,7 @@ void crs_base<IA>::reset_pardiso_memory() {
     reset_pardiso_variable(pardiso);
 }
 
-// The rest of crs_base is instantiated with the class, in modsparse_crs.cpp.
+// The rest of crs_base is instantiated with the class, in crs_matrix.cpp.
 #define KREL_INSTANTIATE_SOLVE(IA)                                                           \
     template bool crs_base<IA>::solve_arguments(std::int64_t, std::int64_t, std::int64_t,    \
                                                 std::int64_t) const;                         \

@@ -1,6 +1,6 @@
 // The abstract sparse matrix and the conversions between the storage
-// classes. The classes themselves live in modsparse_coo.cpp,
-// modsparse_crs.cpp and modsparse_ll.cpp.
+// classes. The classes themselves live in coo_matrix.cpp, crs_matrix.cpp
+// (with crs_solves.cpp and crs_cholesky_tools.cpp) and linked_list_matrix.cpp.
 #include "sparse/sparse_matrix.h"
 
 #include <algorithm>
