@@ -146,14 +146,28 @@ struct tile_loops {
         }
     }
 
+    // The sums of a pass from ctmp and back: column jc, vector v at
+    // c + jc * stride + w * v.
+    template <int NC>
+    static void load_sums(vec (&acc)[NC][4], const double* c, std::int64_t stride) {
+#pragma GCC unroll 4
+        for (int jc = 0; jc < NC; ++jc)
+#pragma GCC unroll 4
+            for (int v = 0; v < 4; ++v) acc[jc][v] = V::loadu(c + jc * stride + w * v);
+    }
+    template <int NC>
+    static void store_sums(const vec (&acc)[NC][4], double* c, std::int64_t stride) {
+#pragma GCC unroll 4
+        for (int jc = 0; jc < NC; ++jc)
+#pragma GCC unroll 4
+            for (int v = 0; v < 4; ++v) V::storeu(c + jc * stride + w * v, acc[jc][v]);
+    }
+
     // One part of the rows of a row block, columns [j, j + NC) += panel' B.
     template <int NC>
     static void t_pass(const double* panel, std::int64_t ns, const double* b, std::int64_t ldb, double* c) {
         vec acc[NC][4];
-#pragma GCC unroll 4
-        for (int jc = 0; jc < NC; ++jc)
-#pragma GCC unroll 4
-            for (int v = 0; v < 4; ++v) acc[jc][v] = V::loadu(c + jc * t_rows + w * v);
+        load_sums<NC>(acc, c, t_rows);
         for (std::int64_t s = 0; s < ns; ++s) {
             const double* ps = panel + s * t_rows;
             const vec t0 = V::load(ps), t1 = V::load(ps + w);
@@ -167,10 +181,7 @@ struct tile_loops {
                 acc[jc][3] = V::fmadd(t3, bj, acc[jc][3]);
             }
         }
-#pragma GCC unroll 4
-        for (int jc = 0; jc < NC; ++jc)
-#pragma GCC unroll 4
-            for (int v = 0; v < 4; ++v) V::storeu(c + jc * t_rows + w * v, acc[jc][v]);
+        store_sums<NC>(acc, c, t_rows);
     }
 
     static void comp_t(const comp_t_task& t, std::int64_t rb0, std::int64_t rb1, std::int64_t s0, std::int64_t s1) {
@@ -213,10 +224,7 @@ struct tile_loops {
     static void n_pass(const double* panel, std::int64_t nb, const double* bbuf, std::int64_t ldbb, double* c,
                        std::int64_t cstride) {
         vec acc[NC][4];
-#pragma GCC unroll 4
-        for (int jc = 0; jc < NC; ++jc)
-#pragma GCC unroll 4
-            for (int v = 0; v < 4; ++v) acc[jc][v] = V::loadu(c + jc * cstride + w * v);
+        load_sums<NC>(acc, c, cstride);
         for (std::int64_t b = 0; b < nb; ++b) {
             const double* pb = panel + b * n_snps * 4;
             vec bj[NC];
@@ -229,10 +237,7 @@ struct tile_loops {
                 for (int jc = 0; jc < NC; ++jc) acc[jc][v] = V::fmadd(tv, bj[jc], acc[jc][v]);
             }
         }
-#pragma GCC unroll 4
-        for (int jc = 0; jc < NC; ++jc)
-#pragma GCC unroll 4
-            for (int v = 0; v < 4; ++v) V::storeu(c + jc * cstride + w * v, acc[jc][v]);
+        store_sums<NC>(acc, c, cstride);
     }
 
     static void comp_n(const comp_n_task& t, std::int64_t sb0, std::int64_t sb1, std::int64_t b0, std::int64_t b1,
