@@ -7,8 +7,9 @@
 #include <sstream>
 #include <utility>
 
-#include "sparse/sparse_matrix.h"
+#include "sparse/direct_solver.h"
 #include "sparse/metis_ordering.h"
+#include "sparse/sparse_matrix.h"
 #include "sparse/sparse_stream_io.h"
 #include "util/fortran_format.h"
 
@@ -100,6 +101,21 @@ void crs_base<IA>::construct(std::string_view name, std::int32_t m, IA nel,
 }
 
 template <class IA>
+crs_base<IA>::crs_base() = default;
+template <class IA>
+crs_base<IA>::~crs_base() = default;
+template <class IA>
+crs_base<IA>::crs_base(crs_base&&) noexcept = default;
+template <class IA>
+crs_base<IA>& crs_base<IA>::operator=(crs_base&&) noexcept = default;
+
+template <class IA>
+const pardiso_record<IA>& crs_base<IA>::getpardiso() const {
+    static const pardiso_record<IA> unused;
+    return pardiso ? *pardiso : unused;
+}
+
+template <class IA>
 crs_base<IA>::crs_base(const crs_base& other)
     : gen_sparse(other),
       ia(other.ia),
@@ -117,7 +133,7 @@ crs_base<IA>& crs_base<IA>::operator=(const crs_base& other) {
     a = other.a;
     lpardisofirst = true;
     ldecomposed = other.ldecomposed;
-    pardiso = pardiso_record<IA>();
+    pardiso.reset();
     return *this;
 }
 
@@ -128,7 +144,7 @@ void crs_base<IA>::destroy() {
     a = {};
     destroy_gen();
     // The factor of solve goes with the values it was made of.
-    pardiso = pardiso_record<IA>();
+    pardiso.reset();
     lpardisofirst = true;
 }
 

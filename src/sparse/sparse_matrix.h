@@ -22,6 +22,7 @@
 #include <cmath>
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -29,7 +30,6 @@
 #include <vector>
 
 #include "sparse/coo_hash.h"
-#include "sparse/direct_solver.h"
 #include "sparse/zeroed_array.h"
 #include "util/dense_matrix.h"
 #include "util/standard_output.h"
@@ -42,6 +42,8 @@ class crssparse64;
 class llsparse;
 struct metisgraph;
 struct ordering_options;
+template <class Int>
+class pardiso_record;
 
 // Conversions: each carries lupperstorage into the new matrix and then its
 // lsymmetric through setsymmetric.
@@ -329,17 +331,21 @@ public:
     // Frees the factor of solve; the next solve factors again. A matrix that
     // never solved is left as it is.
     void reset_pardiso_memory();
-    // The solver's record, read-only.
-    const pardiso_record<IA>& getpardiso() const { return pardiso; }
+    // The solver's record, read-only: that of a record never used before the
+    // first solve.
+    const pardiso_record<IA>& getpardiso() const;
+
+    ~crs_base() override;
 
 protected:
-    crs_base() = default;
+    // Out of line, where the solver's record is a complete type.
+    crs_base();
     // A copy holds the same matrix without the factor of solve: it factors
     // again at its own first solve.
     crs_base(const crs_base& other);
     crs_base& operator=(const crs_base& other);
-    crs_base(crs_base&&) noexcept = default;
-    crs_base& operator=(crs_base&&) noexcept = default;
+    crs_base(crs_base&&) noexcept;
+    crs_base& operator=(crs_base&&) noexcept;
     void construct(std::string_view name, std::int32_t m, IA nel, std::optional<std::int32_t> n,
                    std::optional<bool> lupper, std::ostream* unlog);
     void save_impl(const std::string& file, std::int32_t mark) const;
@@ -362,7 +368,9 @@ protected:
     zeroed_array<double> a;
     bool lpardisofirst = true;
     bool ldecomposed = false;
-    pardiso_record<IA> pardiso;
+    // The solver's record, made by the first solve; null before, and after
+    // a copy or a destroy.
+    std::unique_ptr<pardiso_record<IA>> pardiso;
 
     KREL_SPARSE_CONVERSIONS_ARE_FRIENDS
 };
