@@ -113,7 +113,8 @@ inline void column_passes(std::int64_t n, Pass pass) {
 //   code_table, code_shift(q), genotypes(table, x, shift)
 //                                 the genotypes of width SNPs at individual q
 //                                 of the bytes x[0 .. width - 1], looked up in
-//                                 the decoded row that lists every code.
+//                                 a table made of the decoded row that lists
+//                                 every code.
 // The order of the multiply-adds of each sum is the same for every V and the
 // portable set: over the SNPs (or bytes) in turn, from the sum held in ctmp.
 template <class V>
