@@ -34,6 +34,7 @@
 #include "bench_animal_model.h"
 #include "bench_main.h"
 #include "bench_support.h"
+#include "sparse/direct_solver.h"
 #include "sparse/sparse_matrix.h"
 #include "util/blas_core.h"
 

@@ -35,6 +35,7 @@
 #include "bench_animal_model.h"
 #include "bench_main.h"
 #include "bench_support.h"
+#include "sparse/metis_ordering.h"
 #include "sparse/selected_inverse.h"
 #include "sparse/sparse_matrix.h"
 #include "sparse/supernodal_kernels.h"

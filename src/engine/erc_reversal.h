@@ -5,7 +5,6 @@
 // variance equals the target.
 #include <cstdint>
 #include <span>
-#include <vector>
 
 #include "inputs/pedigree.h"
 #include "util/dense_matrix.h"

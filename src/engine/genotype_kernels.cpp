@@ -5,7 +5,7 @@
 #include "engine/genotype_kernels.h"
 #include "engine/genotype_kernels_loops.h"
 
-namespace krel::genokernels {
+namespace krel::genotype_kernels {
 
 namespace {
 
@@ -92,4 +92,4 @@ const kernel_set portable_set = {"portable", comp_t, comp_n, expand};
 
 const kernel_set& portable_kernels() { return portable_set; }
 
-}  // namespace krel::genokernels
+}  // namespace krel::genotype_kernels

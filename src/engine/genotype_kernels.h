@@ -1,13 +1,13 @@
 #pragma once
 // Inner kernels of the products with packed genotypes. The products in
-// engine/modplink.cpp own the threads, the partition of the work and the
+// engine/packed_genotype_products.cpp own the threads, the partition of the work and the
 // working arrays; a kernel set does the expansion of tiles and the
 // multiply-adds for one thread's share. Every set gives the same bits: the
 // expansion forms and the order of the multiply-adds are fixed, only the
 // width of the vectors differs.
 #include <cstdint>
 
-namespace krel::genokernels {
+namespace krel::genotype_kernels {
 
 // Individuals in a row block of the transposed product (8 bytes) and SNPs in
 // a SNP block of the plain product.
@@ -93,4 +93,4 @@ const kernel_set& portable_kernels();
 const kernel_set* avx2_kernels();
 const kernel_set* avx512_kernels();
 
-}  // namespace krel::genokernels
+}  // namespace krel::genotype_kernels

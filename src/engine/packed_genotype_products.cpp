@@ -21,7 +21,7 @@ namespace krel {
 
 namespace {
 
-namespace gk = genokernels;
+namespace gk = genotype_kernels;
 
 constexpr std::string_view module_name = "modplink";
 

@@ -1,7 +1,7 @@
 #pragma once
 // Dense products in which one factor is the centred genotype matrix Z (nsnp
 // x nind, z = g - 2p, missing 0), held only in packed 2-bit form (see
-// inputs/modplink.h). Z is never expanded as a whole: each thread expands
+// inputs/plink_reader.h). Z is never expanded as a whole: each thread expands
 // small tiles, uses them at once and drops them.
 //
 // All matrices are column-major with leading dimensions as in BLAS; the

@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "inputs/genotypes.h"
 #include "util/dense_matrix.h"

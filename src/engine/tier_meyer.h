@@ -1,6 +1,7 @@
 #pragma once
 // The Tier and Meyer approximation of the diagonal of the inverse
 // left-hand side of a one-trait animal model.
+#include <cstdint>
 #include <span>
 #include <vector>
 

@@ -50,7 +50,8 @@ struct param_type {
     // The second count of levels: the levels of the class within which the
     // covariables of the effect are nested.
     std::vector<std::int32_t> nlevel2;
-    // Kind of each effect, which selects its random contribution (modmme).
+    // Kind of each effect, which selects its random contribution (see
+    // mme/random_contributions.h).
     std::vector<std::int32_t> typeeff;
     std::vector<std::int32_t> effectopt;
     // Equations (per trait) before each effect; sumlevel[neffect + 1] is the

@@ -200,51 +200,28 @@ void coosparse::check_mult(char trans, std::int64_t lenx, std::int64_t leny, std
         print_dim();
         stop("  ERROR (mult): unsupported format");
     }
-    if (trans == 'N' || trans == 'n') {
-        if (leny != dim1 || lenx != dim2 || ncolx != ncoly)
-            stop("  ERROR (mult): wrong dimensions");
-    } else if (trans == 'T' || trans == 't') {
-        if (leny != dim2 || lenx != dim1 || ncolx != ncoly)
-            stop("  ERROR (mult): wrong dimensions");
-    } else {
-        stop("  ERROR (mult): wrong transposition");
-    }
+    gen_sparse::check_mult(trans, lenx, leny, ncolx, ncoly);
 }
 
 void coosparse::multgenv(double alpha, char trans, std::span<const double> x, double beta,
                          std::span<double> y) const {
     check_mult(trans, static_cast<std::int64_t>(x.size()), static_cast<std::int64_t>(y.size()), 1,
                1);
-    const char kind = product_kind(lsymmetric, lupperstorage);
-    const bool transposed = trans == 'T' || trans == 't';
     for (double& v : y) v *= beta;
-    for (std::int64_t k = 0; k < nel; ++k) {
-        const std::size_t s = static_cast<std::size_t>(k);
-        const std::int32_t i = ij[2 * s];
-        if (i == 0) continue;
-        const std::size_t r = static_cast<std::size_t>(i - 1);
-        const std::size_t c = static_cast<std::size_t>(ij[2 * s + 1] - 1);
-        const double v = alpha * a[s];
-        if (kind == 'S') {
-            y[r] += v * x[c];
-            if (r != c) y[c] += v * x[r];
-        } else if (!transposed) {
-            y[r] += v * x[c];
-        } else {
-            y[c] += v * x[r];
-        }
-    }
+    add_product(alpha, trans, x.data(), 0, y.data(), 0, 1);
 }
 
 void coosparse::multgenm(double alpha, char trans, const dmatrix& x, double beta,
                          dmatrix& y) const {
     check_mult(trans, x.rows(), y.rows(), x.cols(), y.cols());
+    for (std::size_t k = 0; k < y.size(); ++k) y.data()[k] *= beta;
+    add_product(alpha, trans, x.data(), x.ld(), y.data(), y.ld(), y.cols());
+}
+
+void coosparse::add_product(double alpha, char trans, const double* x, std::int64_t ldx, double* y,
+                            std::int64_t ldy, std::int64_t ncol) const {
     const char kind = product_kind(lsymmetric, lupperstorage);
     const bool transposed = trans == 'T' || trans == 't';
-    for (std::size_t k = 0; k < y.size(); ++k) y.data()[k] *= beta;
-    const std::int64_t ncol = y.cols();
-    const std::int64_t ldx = x.ld();
-    const std::int64_t ldy = y.ld();
     for (std::int64_t k = 0; k < nel; ++k) {
         const std::size_t s = static_cast<std::size_t>(k);
         const std::int32_t i = ij[2 * s];
@@ -252,11 +229,9 @@ void coosparse::multgenm(double alpha, char trans, const dmatrix& x, double beta
         const std::int64_t r = i - 1;
         const std::int64_t c = ij[2 * s + 1] - 1;
         const double v = alpha * a[s];
-        const double* xd = x.data();
-        double* yd = y.data();
         for (std::int64_t col = 0; col < ncol; ++col) {
-            const double* xc = xd + col * ldx;
-            double* yc = yd + col * ldy;
+            const double* xc = x + col * ldx;
+            double* yc = y + col * ldy;
             if (kind == 'S') {
                 yc[r] += v * xc[c];
                 if (r != c) yc[c] += v * xc[r];

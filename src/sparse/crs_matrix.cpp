@@ -7,6 +7,8 @@
 #include <sstream>
 #include <utility>
 
+#include "sparse/direct_solver.h"
+#include "sparse/metis_ordering.h"
 #include "sparse/sparse_matrix.h"
 #include "sparse/sparse_stream_io.h"
 #include "util/fortran_format.h"
@@ -99,6 +101,21 @@ void crs_base<IA>::construct(std::string_view name, std::int32_t m, IA nel,
 }
 
 template <class IA>
+crs_base<IA>::crs_base() = default;
+template <class IA>
+crs_base<IA>::~crs_base() = default;
+template <class IA>
+crs_base<IA>::crs_base(crs_base&&) noexcept = default;
+template <class IA>
+crs_base<IA>& crs_base<IA>::operator=(crs_base&&) noexcept = default;
+
+template <class IA>
+const pardiso_record<IA>& crs_base<IA>::getpardiso() const {
+    static const pardiso_record<IA> unused;
+    return pardiso ? *pardiso : unused;
+}
+
+template <class IA>
 crs_base<IA>::crs_base(const crs_base& other)
     : gen_sparse(other),
       ia(other.ia),
@@ -116,7 +133,7 @@ crs_base<IA>& crs_base<IA>::operator=(const crs_base& other) {
     a = other.a;
     lpardisofirst = true;
     ldecomposed = other.ldecomposed;
-    pardiso = pardiso_record<IA>();
+    pardiso.reset();
     return *this;
 }
 
@@ -127,7 +144,7 @@ void crs_base<IA>::destroy() {
     a = {};
     destroy_gen();
     // The factor of solve goes with the values it was made of.
-    pardiso = pardiso_record<IA>();
+    pardiso.reset();
     lpardisofirst = true;
 }
 
@@ -399,6 +416,10 @@ void crssparse::external(std::span<const std::int32_t> ia_, std::span<const std:
     std::copy(a_.begin(), a_.end(), a.begin());
 }
 
+void crssparse::getordering(std::vector<std::int32_t>& perm_out) const {
+    getordering(perm_out, ordering_options{});
+}
+
 void crssparse::getordering(std::vector<std::int32_t>& perm_out,
                             const ordering_options& options) const {
     metisgraph graph = convertfromcrstometisgraph(*this);
@@ -429,19 +450,6 @@ char crssparse::kind() const {
     }
     if (lupperstorage) return lsymmetric ? 'S' : 'T';
     return 'G';
-}
-
-void crssparse::check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
-                           std::int64_t ncoly) const {
-    if (trans == 'N' || trans == 'n') {
-        if (leny != dim1 || lenx != dim2 || ncolx != ncoly)
-            stop("  ERROR (mult): wrong dimensions");
-    } else if (trans == 'T' || trans == 't') {
-        if (leny != dim2 || lenx != dim1 || ncolx != ncoly)
-            stop("  ERROR (mult): wrong dimensions");
-    } else {
-        stop("  ERROR (mult): wrong transposition");
-    }
 }
 
 namespace {

@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <cmath>
 #include <iostream>
+#include <memory>
 #include <numeric>
 #include <type_traits>
 #include <vector>
 
+#include "sparse/direct_solver.h"
 #include "sparse/sparse_matrix.h"
 #include "util/fortran_format.h"
 #include "util/run_timer.h"
@@ -64,13 +66,14 @@ template <class IA>
 void crs_base<IA>::solve_columns(std::int64_t nrhs, const double* y, double* x,
                                  std::optional<std::int32_t> msglvl) {
     std::ostream& unit = out();
-    if (lpardisofirst) {
+    if (lpardisofirst || !pardiso) {
         const wtime clock;
         sort();
-        pardiso = pardiso_record<IA>(1, 1, pardiso_record<IA>::real_symmetric_indefinite, 0,
-                                     msglvl.value_or(1));
-        pardiso.init();
-        pardiso.phase = 12;
+        pardiso = std::make_unique<pardiso_record<IA>>(1, 1, pardiso_record<IA>::real_symmetric_indefinite, 0,
+                                                       msglvl.value_or(1));
+        pardiso_record<IA>& record = *pardiso;
+        record.init();
+        record.phase = 12;
         unit << " Start ordering and factorization\n";
         unit.flush();
         // The order in the width of the matrix; a 64-bit matrix takes perm
@@ -87,30 +90,31 @@ void crs_base<IA>::solve_columns(std::int64_t nrhs, const double* y, double* x,
         } else if (perm) {
             order = *perm;
         }
-        check(pardiso,
-              pardiso.factorize({ia.data(), ia.size()}, {ja.data(), ja.size()},
-                                {a.data(), a.size()}, order),
+        check(record,
+              record.factorize({ia.data(), ia.size()}, {ja.data(), ja.size()},
+                               {a.data(), a.size()}, order),
               unit);
-        unit << " Number of nonzeros in factors  = " << pardiso.factor_nonzeros() << '\n'
+        unit << " Number of nonzeros in factors  = " << record.factor_nonzeros() << '\n'
              << " Elapsed time (s)               = " << realtochar(clock.elapsed(), "(f0.3)") << '\n';
         unit.flush();
         lpardisofirst = false;
     }
-    pardiso.phase = 33;
-    check(pardiso, pardiso.solve(nrhs, y, x), unit);
-    pardiso.msglvl = 0;
+    pardiso_record<IA>& record = *pardiso;
+    record.phase = 33;
+    check(record, record.solve(nrhs, y, x), unit);
+    record.msglvl = 0;
 }
 
 template <class IA>
 void crs_base<IA>::reset_pardiso_memory() {
-    if (!issquare() || !pardiso.hasmemory()) return;
+    if (!issquare() || !pardiso || !pardiso->hasmemory()) return;
     lpardisofirst = true;
-    pardiso.phase = -1;
-    check(pardiso, pardiso.release(), out());
-    reset_pardiso_variable(pardiso);
+    pardiso->phase = -1;
+    check(*pardiso, pardiso->release(), out());
+    reset_pardiso_variable(*pardiso);
 }
 
-// The rest of crs_base is instantiated with the class, in modsparse_crs.cpp.
+// The rest of crs_base is instantiated with the class, in crs_matrix.cpp.
 #define KREL_INSTANTIATE_SOLVE(IA)                                                           \
     template bool crs_base<IA>::solve_arguments(std::int64_t, std::int64_t, std::int64_t,    \
                                                 std::int64_t) const;                         \

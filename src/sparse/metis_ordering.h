@@ -4,9 +4,11 @@
 // METIS return codes into error stops.
 #include <array>
 #include <cstdint>
-#include <iostream>
+#include <iosfwd>
 #include <optional>
 #include <vector>
+
+#include "util/standard_output.h"
 
 namespace krel {
 
@@ -22,7 +24,7 @@ struct metisgraph {
     void constructor_sub(std::int32_t nvertices, std::int32_t nedges,
                          std::ostream* unlog = nullptr);
 
-    std::ostream* unlog = &std::cout;
+    std::ostream* unlog = &standard_output();
     std::int32_t nvertices = 0;
     std::int32_t nedges = 0;  // each edge counted once
     std::vector<std::int32_t> xadj;

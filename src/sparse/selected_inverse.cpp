@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include "sparse/metis_ordering.h"
 #include "sparse/sparse_matrix.h"
 #include "sparse/supernodal_kernels.h"
 #include "util/error_stop.h"

@@ -4,7 +4,8 @@
 // matrix's own pattern, without forming the inverse. The work is a symbolic
 // factorisation with compressed subscripts (smbfct), a supernodal Cholesky
 // factorisation on dense blocks, the supernodal recursion from the last
-// column backward (modspainv) and a write-back into the matrix's values.
+// column backward (super_sparsinv, in sparse/supernodal_kernels.h) and a
+// write-back into the matrix's values.
 // The same pipeline gives the Cholesky factor with all its fill-in
 // (crssparse::getchol) or restricted to the pattern of the matrix
 // (crssparse::getichol).

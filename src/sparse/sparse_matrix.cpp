@@ -1,12 +1,13 @@
 // The abstract sparse matrix and the conversions between the storage
-// classes. The classes themselves live in modsparse_coo.cpp,
-// modsparse_crs.cpp and modsparse_ll.cpp.
+// classes. The classes themselves live in coo_matrix.cpp, crs_matrix.cpp
+// (with crs_solves.cpp and crs_cholesky_tools.cpp) and linked_list_matrix.cpp.
 #include "sparse/sparse_matrix.h"
 
 #include <algorithm>
 #include <iostream>
 #include <limits>
 
+#include "sparse/metis_ordering.h"
 #include "sparse/sparse_stream_io.h"
 #include "util/error_stop.h"
 
@@ -54,6 +55,19 @@ void gen_sparse::setpermutation64(std::span<const std::int64_t> array) {
     if (array.size() != static_cast<std::size_t>(getdim(1)))
         stop(" ERROR: The permutation array (int64) has a wrong size.");
     perm64.emplace(array.begin(), array.end());
+}
+
+void gen_sparse::check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
+                            std::int64_t ncoly) const {
+    if (trans == 'N' || trans == 'n') {
+        if (leny != dim1 || lenx != dim2 || ncolx != ncoly)
+            stop("  ERROR (mult): wrong dimensions");
+    } else if (trans == 'T' || trans == 't') {
+        if (leny != dim2 || lenx != dim1 || ncolx != ncoly)
+            stop("  ERROR (mult): wrong dimensions");
+    } else {
+        stop("  ERROR (mult): wrong transposition");
+    }
 }
 
 void gen_sparse::setoutputunit(std::ostream* unit) { unlog = unit ? unit : &std::cout; }

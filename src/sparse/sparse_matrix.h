@@ -21,7 +21,8 @@
 // sorted upper-stored square matrix is always the diagonal of row i.
 #include <cmath>
 #include <cstdint>
-#include <iostream>
+#include <iosfwd>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -29,10 +30,9 @@
 #include <vector>
 
 #include "sparse/coo_hash.h"
-#include "sparse/direct_solver.h"
-#include "sparse/metis_ordering.h"
 #include "sparse/zeroed_array.h"
 #include "util/dense_matrix.h"
+#include "util/standard_output.h"
 
 namespace krel {
 
@@ -40,6 +40,10 @@ class coosparse;
 class crssparse;
 class crssparse64;
 class llsparse;
+struct metisgraph;
+struct ordering_options;
+template <class Int>
+class pardiso_record;
 
 // Conversions: each carries lupperstorage into the new matrix and then its
 // lsymmetric through setsymmetric.
@@ -159,10 +163,14 @@ protected:
     std::ostream& out() const;
     // Writes the message on the unit of the matrix and stops the run.
     [[noreturn]] void stop(std::string_view message) const;
+    // Stops unless op(A), trans "N"/"n" or "T"/"t", takes x of lenx rows to
+    // y of leny rows, with as many columns in x as in y.
+    void check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
+                    std::int64_t ncoly) const;
     // The lines of print_dim that depend on the class.
     virtual void print_dim_details(std::ostream& unit) const;
 
-    std::ostream* unlog = &std::cout;
+    std::ostream* unlog = &standard_output();
     std::int32_t dim1 = 0;
     std::int32_t dim2 = 0;
     std::optional<std::vector<std::int32_t>> perm;
@@ -246,8 +254,13 @@ private:
     // tolerance; the message is that of set.
     void grow(bool report);
     void print_dim_details(std::ostream& unit) const override;
+    // The check of gen_sparse, after refusing a symmetric matrix stored in full.
     void check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
                     std::int64_t ncoly) const;
+    // y += alpha op(A) x for ncol columns, column j of x at x + j ldx and of
+    // y at y + j ldy.
+    void add_product(double alpha, char trans, const double* x, std::int64_t ldx, double* y,
+                     std::int64_t ldy, std::int64_t ncol) const;
     // Calls f(row, col, value) for every element of the full matrix: a
     // symmetric upper-stored matrix gives its mirror elements too.
     template <class F>
@@ -318,17 +331,21 @@ public:
     // Frees the factor of solve; the next solve factors again. A matrix that
     // never solved is left as it is.
     void reset_pardiso_memory();
-    // The solver's record, read-only.
-    const pardiso_record<IA>& getpardiso() const { return pardiso; }
+    // The solver's record, read-only: that of a record never used before the
+    // first solve.
+    const pardiso_record<IA>& getpardiso() const;
+
+    ~crs_base() override;
 
 protected:
-    crs_base() = default;
+    // Out of line, where the solver's record is a complete type.
+    crs_base();
     // A copy holds the same matrix without the factor of solve: it factors
     // again at its own first solve.
     crs_base(const crs_base& other);
     crs_base& operator=(const crs_base& other);
-    crs_base(crs_base&&) noexcept = default;
-    crs_base& operator=(crs_base&&) noexcept = default;
+    crs_base(crs_base&&) noexcept;
+    crs_base& operator=(crs_base&&) noexcept;
     void construct(std::string_view name, std::int32_t m, IA nel, std::optional<std::int32_t> n,
                    std::optional<bool> lupper, std::ostream* unlog);
     void save_impl(const std::string& file, std::int32_t mark) const;
@@ -351,7 +368,9 @@ protected:
     zeroed_array<double> a;
     bool lpardisofirst = true;
     bool ldecomposed = false;
-    pardiso_record<IA> pardiso;
+    // The solver's record, made by the first solve; null before, and after
+    // a copy or a destroy.
+    std::unique_ptr<pardiso_record<IA>> pardiso;
 
     KREL_SPARSE_CONVERSIONS_ARE_FRIENDS
 };
@@ -398,9 +417,10 @@ public:
     std::vector<double> harville(std::int32_t nsamples, std::int32_t seed,
                                  std::int32_t nburnin = 0) const;
     // Fill-reducing ordering of the symmetric upper-stored matrix by METIS:
-    // perm is replaced by dim1 1-based positions.
-    void getordering(std::vector<std::int32_t>& perm_out,
-                     const ordering_options& options = {}) const;
+    // perm is replaced by dim1 1-based positions. The options given win over
+    // those of metis_ordering_options.
+    void getordering(std::vector<std::int32_t>& perm_out) const;
+    void getordering(std::vector<std::int32_t>& perm_out, const ordering_options& options) const;
     crssparse submatrix(std::int32_t startrow, std::int32_t endrow, std::int32_t startcol,
                         std::int32_t endcol, std::optional<bool> lupper = std::nullopt,
                         std::ostream* unlog = nullptr) const;
@@ -443,8 +463,6 @@ public:
                    std::optional<std::int32_t> msglvl = std::nullopt);
 
 private:
-    void check_mult(char trans, std::int64_t lenx, std::int64_t leny, std::int64_t ncolx,
-                    std::int64_t ncoly) const;
     char kind() const;
     // The factorisation of the first solveldlt, with its messages, and the
     // solve of nrhs columns in the order of the matrix.

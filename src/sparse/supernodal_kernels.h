@@ -6,7 +6,7 @@
 // lets a dropped column through.
 //
 // The factor is held in the compressed column storage of smbfct (see
-// modsparse_inv.h). All arrays are passed as 0-based spans of 1-based
+// sparse/selected_inverse.h). All arrays are passed as 0-based spans of 1-based
 // values: xlnz[j - 1] is the first position of column j, and the subscript
 // of position k of column j is nzsub[xnzsub[j - 1] + k - xlnz[j - 1] - 1].
 //

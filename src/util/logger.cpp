@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <fstream>
 #include <iostream>
 #include <mutex>
 #include <stdexcept>
@@ -85,6 +86,9 @@ std::vector<std::string> format_log_lines(std::string_view lead, std::string_vie
     }
     return lines;
 }
+
+logger_type::logger_type() = default;
+logger_type::~logger_type() = default;
 
 void logger_type::add_log_unit(std::ostream& unit) {
     std::lock_guard lock(logger_mutex());

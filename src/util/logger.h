@@ -1,7 +1,6 @@
 #pragma once
 // The one levelled logger of the program. Every message goes to all units in
 // the order in which they were added; a unit is standard output or a log file.
-#include <fstream>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -16,7 +15,9 @@ enum class log_level : int { debug = 0, information = 10, warning = 20, error = 
 
 class logger_type {
 public:
-    logger_type() = default;
+    // Out of line: the log files' stream type is only declared here.
+    logger_type();
+    ~logger_type();
     logger_type(const logger_type&) = delete;
     logger_type& operator=(const logger_type&) = delete;
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <numeric>
 #include <stdexcept>
@@ -80,7 +81,7 @@ __float128 cdf_norm(__float128 x, __float128 loc, __float128 scale) {
     return 0.5Q * erfcq(-(x - loc) / (scale * sqrtq(2.0Q)));
 }
 
-bool make_directory_all(const std::filesystem::path& path, std::error_code& ec) {
+bool make_directory_all(const std::string& path, std::error_code& ec) {
     ec.clear();
     if (path.empty()) {
         ec = std::make_error_code(std::errc::invalid_argument);

@@ -5,7 +5,6 @@
 // folding.
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <span>
 #include <string>
 #include <string_view>
@@ -49,7 +48,7 @@ __float128 cdf_norm(__float128 x, __float128 loc = 0, __float128 scale = 1);
 // Creates the directory and any missing parents. Returns true when the
 // directory exists afterwards (an existing one is fine); otherwise false with
 // the reason in ec.
-bool make_directory_all(const std::filesystem::path& path, std::error_code& ec);
+bool make_directory_all(const std::string& path, std::error_code& ec);
 
 // ASCII lower case; other bytes are left alone.
 std::string to_lower(std::string_view text);

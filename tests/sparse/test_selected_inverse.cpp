@@ -17,6 +17,7 @@
 
 #include "inputs/pedigree.h"
 #include "inputs/pedigree_support.h"
+#include "sparse/metis_ordering.h"
 #include "sparse/selected_inverse.h"
 #include "sparse/sparse_matrix.h"
 #include "sparse/supernodal_kernels.h"
