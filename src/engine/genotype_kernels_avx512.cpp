@@ -12,8 +12,12 @@
 
 #include "engine/genotype_kernels.h"
 
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx512f,avx2,fma"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx512f,avx2,fma")
+#endif
 
 #include "engine/genotype_kernels_loops.h"
 
@@ -207,7 +211,11 @@ void expand(const expand_task& t, std::int64_t b0, std::int64_t b1) {
 
 }  // namespace krel::genokernels
 
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 namespace krel::genokernels {
 
