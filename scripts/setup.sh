@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
 # Set-up and build of krel on Debian 12, then one of:
-#   example  run krel on the shipped example data set
-#   test     run the whole test suite through CTest
-#   build    only install what is missing and build
+#   example   run krel on the shipped example data set
+#   test      run the whole test suite through CTest
+#   build     only install what is missing and build
+#   sanitize  build with AddressSanitizer and UndefinedBehaviorSanitizer (Debug,
+#             in build-sanitize/) and run the whole suite there, corpora included
+#   fuzz      build the libFuzzer binaries of the readers with clang (build-fuzz/);
+#             scripts/fuzz.sh runs them
 # A second run installs and rebuilds nothing that is already there.
 set -euo pipefail
 
@@ -19,6 +23,7 @@ packages=(
   time plink2
   libcairo2-dev pkg-config python3
 )
+[ "$what" = fuzz ] && packages+=(clang libclang-rt-dev libomp-dev)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -32,9 +37,22 @@ if ((${#missing[@]})); then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-if [ ! -f "$build/CMakeCache.txt" ]; then
-  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release
-fi
+case "$what" in
+  sanitize)
+    build=${KREL_SANITIZE_BUILD_DIR:-$root/build-sanitize}
+    [ -f "$build/CMakeCache.txt" ] ||
+      cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Debug -DKREL_SANITIZE=ON -DKREL_BUILD_BENCH=OFF
+    ;;
+  fuzz)
+    build=${KREL_FUZZ_BUILD_DIR:-$root/build-fuzz}
+    [ -f "$build/CMakeCache.txt" ] ||
+      CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKREL_FUZZ=ON \
+        -DKREL_BUILD_TESTS=OFF -DKREL_BUILD_BENCH=OFF
+    ;;
+  *)
+    [ -f "$build/CMakeCache.txt" ] || cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release
+    ;;
+esac
 cmake --build "$build" -j"$(nproc)"
 
 case "$what" in
@@ -54,8 +72,18 @@ case "$what" in
     cd "$build"
     ctest --output-on-failure -j"$(nproc)"
     ;;
+  sanitize)
+    cd "$build"
+    # Leaks are not errors here: the OpenMP and BLAS runtimes keep their pools
+    # until exit by design.
+    ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+      ctest --output-on-failure -j"$(nproc)"
+    ;;
+  fuzz)
+    echo "Fuzz binaries are in $build/tests/fuzz; run them with scripts/fuzz.sh"
+    ;;
   *)
-    echo "usage: $0 [build|example|test]" >&2
+    echo "usage: $0 [build|example|test|sanitize|fuzz]" >&2
     exit 2
     ;;
 esac

@@ -11,8 +11,12 @@
 
 #include "engine/genotype_kernels.h"
 
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2,fma"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx2,fma")
+#endif
 
 #include "engine/genotype_kernels_loops.h"
 
@@ -73,7 +77,11 @@ using avx2_loops = tile_loops<avx2_vectors>;
 
 }  // namespace krel::genotype_kernels
 
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 namespace krel::genotype_kernels {
 

@@ -12,8 +12,12 @@
 
 #include "engine/genotype_kernels.h"
 
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx512f,avx2,fma"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx512f,avx2,fma")
+#endif
 
 #include "engine/genotype_kernels_loops.h"
 
@@ -85,7 +89,11 @@ using avx512_loops = tile_loops<avx512_vectors>;
 
 }  // namespace krel::genotype_kernels
 
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 namespace krel::genotype_kernels {
 

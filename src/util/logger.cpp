@@ -197,11 +197,11 @@ void logger_type::log_io_error(std::string_view message, std::string_view module
     write(log_level::error, "I/O ERROR", text, module, procedure);
 }
 
-std::string procedure_at(std::string_view routine, std::source_location where) {
-    std::string_view file = where.file_name();
-    if (const auto slash = file.rfind('/'); slash != std::string_view::npos)
-        file.remove_prefix(slash + 1);
-    return fmt::format("{} ({}:{})", routine, file, where.line());
+std::string procedure_at(std::string_view routine, const char* file, int line) {
+    std::string_view name = file;
+    if (const auto slash = name.rfind('/'); slash != std::string_view::npos)
+        name.remove_prefix(slash + 1);
+    return fmt::format("{} ({}:{})", routine, name, line);
 }
 
 logger_type& global_logger() {

@@ -4,7 +4,6 @@
 #include <iosfwd>
 #include <memory>
 #include <optional>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,8 +74,10 @@ private:
 
 // The procedure text of an error line: the routine name and the place of the
 // call, "routine (file.cpp:123)".
-std::string procedure_at(std::string_view routine,
-                         std::source_location where = std::source_location::current());
+// The place comes from the compiler builtins rather than std::source_location,
+// which clang before 15 cannot build with this standard library.
+std::string procedure_at(std::string_view routine, const char* file = __builtin_FILE(),
+                         int line = __builtin_LINE());
 
 // The process-wide logger.
 logger_type& global_logger();
