@@ -224,10 +224,29 @@ void pedigree_type::readpedigree_nomax(const std::string& file) {
     std::error_code ec;
     const auto bytes = std::filesystem::file_size(file, ec);
     if (!ec) ped_.reserve(std::min<std::uintmax_t>(bytes / 3 + 2, std::uintmax_t{1} << 32));
+    // Every level is an animal or group named somewhere in the file, so a
+    // record brings at most three new ones. A level far above that is an
+    // identity from another numbering (a registration number, say); taking
+    // it as a level would size every array of the run by it. The bound from
+    // the file size (a record takes at least six bytes) stops such a level
+    // before anything is sized by it; the count of records decides at the end.
+    const auto level_limit = [](std::uintmax_t records) {
+        return std::min<std::uintmax_t>(3 * records + 1000, std::numeric_limits<std::int32_t>::max());
+    };
+    const auto too_high = [&](std::int64_t level, std::uintmax_t records) {
+        pedigree_error("The pedigree file " + file + " names level " + std::to_string(level) + ", more than its " +
+                           std::to_string(records) +
+                           " records can number: levels must number the animals and groups from 1 without large gaps",
+                       "readpedigree_nomax");
+    };
+    const std::uintmax_t most_records = ec ? std::numeric_limits<std::int32_t>::max() : (bytes + 1) / 6;
+    std::uintmax_t records = 0;
     stream_pedigree(file, "readpedigree_nomax", [&](const std::vector<ped_record>& batch) {
+        records += batch.size();
         for (const auto& r : batch) {
             const std::int32_t top = std::max({r.id, r.sire, r.dam});
             if (top > maxall) {
+                if (static_cast<std::uintmax_t>(top) > level_limit(most_records)) too_high(top, records);
                 maxall = top;
                 ped_.resize(2 * (static_cast<std::size_t>(maxall) + 1), 0);
             }
@@ -236,6 +255,7 @@ void pedigree_type::readpedigree_nomax(const std::string& file) {
             ped_[2 * static_cast<std::size_t>(r.id) + 1] = r.dam;
         }
     });
+    if (static_cast<std::uintmax_t>(maxall) > level_limit(records)) too_high(maxall, records);
     nlevels_ = maxall;
     nupg = maxall - maxid;
     ped_.resize(2 * (static_cast<std::size_t>(maxall) + 1), 0);

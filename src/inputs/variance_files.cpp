@@ -115,17 +115,22 @@ void readrf(const std::string& file, std::int32_t& ntrait, std::vector<dmatrix>&
         item_cursor items(record);
         row x{};
         if (!items.next_int(x.cls) || !items.next_int(x.r) || x.cls < 1 || x.r < 1) malformed();
-        x.values.resize(x.r);
-        for (double& v : x.values) {
+        // Row r holds r values: they are read before anything is sized by r.
+        for (std::int32_t u = 1; u <= x.r; ++u) {
+            double v = 0.0;
             if (!items.next_real(v)) malformed();
             require_finite(v, in, record, "readrf");
+            x.values.push_back(v);
         }
         nclass = std::max(nclass, x.cls);
         maxrow = std::max(maxrow, x.r);
         rows.push_back(std::move(x));
     }
     if (ntrait == 0) ntrait = maxrow;
-    if (maxrow > ntrait) malformed();
+    // Classes are numbered from 1, each given by its rows. A few classes may
+    // be left out (they are warned about below); a class number far above the
+    // count of rows is no numbering of classes, and every class is a matrix.
+    if (maxrow > ntrait || static_cast<std::size_t>(nclass) > rows.size() + 1000) malformed();
     rmat.assign(static_cast<std::size_t>(nclass) + 1, dmatrix());
     std::vector<char> given(static_cast<std::size_t>(nclass) + 1, 0);
     for (std::int32_t c = 1; c <= nclass; ++c) rmat[c].resize(ntrait, ntrait);
