@@ -21,7 +21,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-constexpr std::array<option_row, 28> table = {{
+constexpr std::array<option_row, 29> table = {{
     {"--blocks", "", "", false, "-9", "", 1, "",
      "Number of consecutive SNPs considered for building the coefficient matrix of SNPBLUP"},
     {"--gen", "", "", true, "none", "", 1, "", "Name of the genotype file"},
@@ -68,6 +68,9 @@ constexpr std::array<option_row, 28> table = {{
     {"--save_erc", "--erc", "krel", false, ".false.", "store_true", 0, "", "To save ERC in a file"},
     {"--ungeno_tm", "", "krel", false, ".false.", "store_true", 0, "",
      "To approximate genomic REL for ungenotyped animals by using the Tier and Meyer algorithm"},
+    {"--groups-as-unknown", "", "krel", false, ".false.", "store_true", 0, "",
+     "To treat genetic groups as unknown parents in the exact inverse, as inbreeding and the "
+     "Tier and Meyer algorithm do"},
 }};
 
 struct group_row {

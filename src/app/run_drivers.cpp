@@ -7,6 +7,7 @@
 #include <iostream>
 #include <new>
 
+#include "app/result_checks.h"
 #include "app/run_header.h"
 #include "engine/reliability_engine.h"
 #include "util/blas_core.h"
@@ -141,6 +142,7 @@ krel_group_options read_krel_options(const command_line& cli) {
     o.method = method_from_word(method_word);
     read_cla(cli, "--erc", o.save_erc, krel_group);
     read_cla(cli, "--ungeno_tm", o.ungeno_tm, krel_group);
+    read_cla(cli, "--groups-as-unknown", o.groups_as_unknown, krel_group);
     return o;
 }
 
@@ -153,6 +155,7 @@ void echo_krel_options(const krel_group_options& o) {
     log.log_message("Value for PEC adjustment factor  : " + realtochar(o.pev_adjust_factor, "(f0.3)"));
     log.log_message("Write ERC                        : " + logical_text(o.save_erc));
     log.log_message("Approach for ZRZ                 : " + inttochar(o.method));
+    log.log_message("Groups as unknown parents        : " + logical_text(o.groups_as_unknown));
 }
 
 krel_init_options init_options(const run_options& o) {
@@ -175,6 +178,8 @@ krel_init_options init_options(const run_options& o) {
     return k;
 }
 
+bool has_pvalues(const run_options& opts) { return opts.gwas_file != "none" || opts.mgwas_file != "none"; }
+
 void run_pvalues(krel_type& krel, const run_options& opts) {
     if (opts.gwas_file != "none") krel.pvalue(opts.gwas_file, opts.gwas_effect);
     if (opts.mgwas_file != "none") krel.pvalue(opts.mgwas_file, opts.mgwas_effect, true);
@@ -191,10 +196,13 @@ void run_krel(const command_line& cli, const run_options& opts) {
     k.method = kopts.method;
     k.edc_adjust_factor = kopts.edc_adjust_factor;
     k.pev_adjust_factor = kopts.pev_adjust_factor;
+    krel.groups_as_unknown = kopts.groups_as_unknown;
     krel.init_krel(k);
     krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false);
     run_pvalues(krel, opts);
-    if (kopts.only_geno) return;
+    run_outputs written{has_pvalues(opts), kopts.only_geno, !kopts.only_geno,
+                        !kopts.only_geno && (kopts.save_erc || lkrel_verbose)};
+    if (kopts.only_geno) return check_result_files(run_result_files(written, krel.monomorphic_snps()));
     krel.compute_krel_notgeno();
     // The exact inverse costs a sparse factorisation of the whole pedigree
     // for each trait: beyond a million animals the approximation takes over.
@@ -203,6 +211,7 @@ void run_krel(const command_line& cli, const run_options& opts) {
     else
         krel.reliabilities_by_exact_inverse();
     write_reliability_files(krel);
+    check_result_files(run_result_files(written, krel.monomorphic_snps()));
 }
 
 void run_gwas(const command_line& /*cli*/, const run_options& opts) {
@@ -218,6 +227,7 @@ void run_gwas(const command_line& /*cli*/, const run_options& opts) {
     krel.init_krel(k);
     krel.compute_krel_geno(false, opts.blocks, 1000, true);
     run_pvalues(krel, opts);
+    check_result_files(run_result_files({has_pvalues(opts), false, false, false}, krel.monomorphic_snps()));
 }
 
 int krel_program(int argc, char** argv) {
