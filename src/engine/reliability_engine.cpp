@@ -179,6 +179,15 @@ void krel_type::derive_snp_variance() {
                       module_name, procedure_at("init_krel"));
         throw error_stop();
     }
+    // That variance belongs to centred genotypes, as PLINK genotypes are
+    // used; counts as they are would put 2p into every animal's genomic PEV.
+    // The frequencies in file order, whether or not the array keeps an unused
+    // element 0.
+    const std::size_t first = freq.size() == static_cast<std::size_t>(nsnp) + 1 ? 1 : 0;
+    for (std::int64_t r = 1; r <= geno.val.cols(); ++r)
+        for (std::int32_t snp = 1; snp <= nsnp; ++snp) geno.val(snp, r) -= 2.0 * freq[first + snp - 1];
+    log.log_information("Text genotypes of " + genfile + " are allele counts: centred as g - 2p with the frequencies of " +
+                        freqfile + ", as PLINK genotypes are");
     svar.assign(static_cast<std::size_t>(effect) + 1, dmatrix());
     svar[effect].resize(80, 80);
     for (std::int32_t t = 1; t <= ntrait; ++t) {

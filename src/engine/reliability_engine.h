@@ -61,7 +61,8 @@ public:
     void read_genotype_files();
     // SNP variance of text genotypes read without --svcv: the genetic
     // variance over the sum of 2pq of the frequency file, for allele counts
-    // only; otherwise the run stops naming --svcv.
+    // only, which are then centred with those frequencies; otherwise the run
+    // stops naming --svcv.
     void derive_snp_variance();
     // Step 2: ERC of the genotyped animals (levels in genotype-file order).
     void compute_krel_step2(const std::vector<std::int32_t>& list);

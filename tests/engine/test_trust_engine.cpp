@@ -39,19 +39,40 @@ TEST(TextGenotypes, WithoutSnpVarianceItIsDerivedOrTheRunNamesTheOption) {
                                             "--rvcv", "residual_vcv.txt", "--gvcv",  "genetic_vcv.txt",
                                             "--pev",  "pev.txt"};
     // The SNP variance the run should derive: 25 over the sum of 2pq.
+    // and the genotypes it should use: the counts centred, g - 2p.
     double sum2pq = 0.0;
+    std::vector<double> p;
     {
         std::ifstream in(dir / "frequencies.txt");
-        for (double id, p; in >> id >> p;) sum2pq += 2.0 * p * (1.0 - p);
+        for (double id, q; in >> id >> q;) {
+            sum2pq += 2.0 * q * (1.0 - q);
+            p.push_back(q);
+        }
     }
-    std::ostringstream svar;
+    std::ostringstream svar, centred_text;
     svar.precision(17);
     svar << 25.0 / sum2pq << '\n';
     dir.write("derived_vcv.txt", svar.str());
+    {
+        std::istringstream in(dir.read("genotypes_spaced.txt"));
+        centred_text.precision(17);
+        for (std::string line; std::getline(in, line);) {
+            std::istringstream items(line);
+            std::string id;
+            items >> id;
+            centred_text << id;
+            std::size_t s = 0;
+            for (double g; items >> g; ++s) centred_text << ' ' << g - 2.0 * p.at(s);
+            EXPECT_EQ(s, p.size());
+            centred_text << '\n';
+        }
+    }
+    dir.write("centred.txt", centred_text.str());
 
-    const auto given = run_binary(dir, followed_by({"krel", "--only-geno", "--gen", "genotypes_spaced.txt", "--freq",
-                                                    "frequencies.txt", "--svcv", "derived_vcv.txt"},
-                                                   model));
+    const auto given = run_binary(
+        dir, followed_by({"krel", "--only-geno", "--gen", "centred.txt", "--freq", "frequencies.txt", "--svcv",
+                          "derived_vcv.txt"},
+                         model));
     ASSERT_EQ(given.status, 0) << given.log;
     const auto expected = results(dir, "qd_sskreliabilities_geno.dat");
     ASSERT_EQ(expected.size(), 300u);
@@ -65,9 +86,18 @@ TEST(TextGenotypes, WithoutSnpVarianceItIsDerivedOrTheRunNamesTheOption) {
         EXPECT_TRUE(contains(flat(r.log), "SNP variance (trait 1) derived without --svcv: genetic variance 25.0000 "
                                           "over the sum of 2pq of frequencies.txt"))
             << r.log;
+        EXPECT_TRUE(contains(flat(r.log), std::string("Text genotypes of ") + file +
+                                              " are allele counts: centred as g - 2p"))
+            << r.log;
         const auto rel = results(dir, "qd_sskreliabilities_geno.dat");
         ASSERT_EQ(rel.size(), expected.size());
-        for (const auto& [id, v] : expected) EXPECT_NEAR(rel.at(id)[0], v[0], 1e-12) << id;
+        double mean = 0.0;
+        for (const auto& [id, v] : expected) {
+            EXPECT_NEAR(rel.at(id)[0], v[0], 1e-6) << id;
+            mean += v[0] / 300.0;
+        }
+        // Genomic reliabilities, not the floor that counts as they are give.
+        EXPECT_GT(mean, 0.3);
     }
 
     // No frequencies, or genotypes that are not allele counts: no variance
