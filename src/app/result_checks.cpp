@@ -65,8 +65,10 @@ std::vector<result_file> run_result_files(const run_outputs& run, const std::vec
         files.push_back({"qd_varhatsnpeffects_approx.dat", {}, {}});
     }
     if (run.only_geno) files.push_back({"qd_sskreliabilities_geno.dat", {}, {}});
+    // Not qd_stats_erc_add.dat: its standard deviation of a single genotyped
+    // animal is rightly not a number, and its values reach the reliabilities.
     if (run.all_animals) {
-        for (const char* name : {"qd_stats_erc_add.dat", "qd_sskreliabilities.dat", "qd_sskreliabilities_tarnelo.dat"})
+        for (const char* name : {"qd_sskreliabilities.dat", "qd_sskreliabilities_tarnelo.dat"})
             files.push_back({name, {}, {}});
         if (run.weight_files)
             for (const char* name : {"qd_erc_add.dat", "qd_erc_ss.dat"}) files.push_back({name, {}, {}});

@@ -178,7 +178,7 @@ krel_init_options init_options(const run_options& o) {
     return k;
 }
 
-bool has_pvalues(const run_options& opts) { return opts.gwas_file != "none" || opts.mgwas_file != "none"; }
+static bool has_pvalues(const run_options& opts) { return opts.gwas_file != "none" || opts.mgwas_file != "none"; }
 
 void run_pvalues(krel_type& krel, const run_options& opts) {
     if (opts.gwas_file != "none") krel.pvalue(opts.gwas_file, opts.gwas_effect);
@@ -200,9 +200,12 @@ void run_krel(const command_line& cli, const run_options& opts) {
     krel.init_krel(k);
     krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false);
     run_pvalues(krel, opts);
-    run_outputs written{has_pvalues(opts), kopts.only_geno, !kopts.only_geno,
-                        !kopts.only_geno && (kopts.save_erc || lkrel_verbose)};
-    if (kopts.only_geno) return check_result_files(run_result_files(written, krel.monomorphic_snps()));
+    const run_outputs written{has_pvalues(opts), kopts.only_geno, !kopts.only_geno,
+                              !kopts.only_geno && (kopts.save_erc || lkrel_verbose)};
+    if (kopts.only_geno) {
+        check_result_files(run_result_files(written, krel.monomorphic_snps()));
+        return;
+    }
     krel.compute_krel_notgeno();
     // The exact inverse costs a sparse factorisation of the whole pedigree
     // for each trait: beyond a million animals the approximation takes over.

@@ -74,7 +74,7 @@ TEST(ResultChecks, TheFilesOfEachKindOfRun) {
               "qd_varhatsnpeffects_approx.dat ");
     EXPECT_EQ(names({false, true, false, false}), "qd_pevsnpeffects.dat qd_sskreliabilities_geno.dat ");
     EXPECT_EQ(names({false, false, true, true}),
-              "qd_pevsnpeffects.dat qd_stats_erc_add.dat qd_sskreliabilities.dat qd_sskreliabilities_tarnelo.dat "
+              "qd_pevsnpeffects.dat qd_sskreliabilities.dat qd_sskreliabilities_tarnelo.dat "
               "qd_erc_add.dat qd_erc_ss.dat ");
 }
 
