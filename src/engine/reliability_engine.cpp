@@ -181,11 +181,8 @@ void krel_type::derive_snp_variance() {
     }
     // That variance belongs to centred genotypes, as PLINK genotypes are
     // used; counts as they are would put 2p into every animal's genomic PEV.
-    // The frequencies in file order, whether or not the array keeps an unused
-    // element 0.
-    const std::size_t first = freq.size() == static_cast<std::size_t>(nsnp) + 1 ? 1 : 0;
     for (std::int64_t r = 1; r <= geno.val.cols(); ++r)
-        for (std::int32_t snp = 1; snp <= nsnp; ++snp) geno.val(snp, r) -= 2.0 * freq[first + snp - 1];
+        for (std::int32_t snp = 1; snp <= nsnp; ++snp) geno.val(snp, r) -= 2.0 * snp_frequency(snp);
     log.log_information("Text genotypes of " + genfile + " are allele counts: centred as g - 2p with the frequencies of " +
                         freqfile + ", as PLINK genotypes are");
     svar.assign(static_cast<std::size_t>(effect) + 1, dmatrix());
@@ -563,7 +560,10 @@ std::vector<std::int32_t> krel_type::monomorphic_snps() const {
 
 double krel_type::snp_frequency(std::int32_t j) const {
     if (is_plink) return geno.val(j, 1);
-    return static_cast<std::size_t>(j) < freq.size() ? freq[j] : 0.0;
+    // The frequencies in file order, whether or not the array keeps an
+    // unused element 0.
+    const std::size_t k = static_cast<std::size_t>(j) - (freq.size() == static_cast<std::size_t>(nsnp) + 1 ? 0 : 1);
+    return j >= 1 && k < freq.size() ? freq[k] : 0.0;
 }
 
 void krel_type::compute_krel_notgeno() {
