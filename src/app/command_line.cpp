@@ -24,7 +24,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-constexpr std::array<option_row, 29> table = {{
+constexpr std::array<option_row, 30> table = {{
     {"--blocks", "", "", false, "-9", "", 1, "",
      "Number of consecutive SNPs considered for building the coefficient matrix of SNPBLUP"},
     {"--gen", "", "", true, "none", "", 1, "", "Name of the genotype file"},
@@ -73,6 +73,9 @@ constexpr std::array<option_row, 29> table = {{
      "To approximate genomic REL for ungenotyped animals by using the Tier and Meyer algorithm"},
     {"--plots", "", "", false, ".false.", "store_true", 0, "",
      "To draw plots of the results (PNG and PDF) into the working directory"},
+    {"--groups-as-unknown", "", "krel", false, ".false.", "store_true", 0, "",
+     "To treat genetic groups as unknown parents in the exact inverse, as inbreeding and the "
+     "Tier and Meyer algorithm do"},
 }};
 
 struct group_row {

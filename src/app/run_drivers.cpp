@@ -7,6 +7,7 @@
 #include <iostream>
 #include <new>
 
+#include "app/result_checks.h"
 #include "app/run_header.h"
 #include "engine/reliability_engine.h"
 #include "inputs/snp_variability.h"
@@ -145,6 +146,7 @@ krel_group_options read_krel_options(const command_line& cli) {
     o.method = method_from_word(method_word);
     read_cla(cli, "--erc", o.save_erc, krel_group);
     read_cla(cli, "--ungeno_tm", o.ungeno_tm, krel_group);
+    read_cla(cli, "--groups-as-unknown", o.groups_as_unknown, krel_group);
     return o;
 }
 
@@ -157,6 +159,7 @@ void echo_krel_options(const krel_group_options& o) {
     log.log_message("Value for PEC adjustment factor  : " + realtochar(o.pev_adjust_factor, "(f0.3)"));
     log.log_message("Write ERC                        : " + logical_text(o.save_erc));
     log.log_message("Approach for ZRZ                 : " + inttochar(o.method));
+    log.log_message("Groups as unknown parents        : " + logical_text(o.groups_as_unknown));
 }
 
 krel_init_options init_options(const run_options& o) {
@@ -194,6 +197,8 @@ std::vector<std::pair<std::string, std::string>> summary_options(const run_optio
             {"mgwas", o.mgwas_file + " " + inttochar(o.mgwas_effect)},
             {"verbose", logical_text(lkrel_verbose)}, {"plots", logical_text(o.plots)}};
 }
+
+bool has_pvalues(const run_options& opts) { return opts.gwas_file != "none" || opts.mgwas_file != "none"; }
 
 void record_inputs(const krel_type& krel, run_record& record) {
     record.animals = krel.ped.nreal();
@@ -259,7 +264,8 @@ void run_krel(const command_line& cli, const run_options& opts, run_record& reco
                            {"only_geno", logical_text(kopts.only_geno)},
                            {"method", inttochar(kopts.method)},
                            {"save_erc", logical_text(kopts.save_erc)},
-                           {"ungeno_tm", logical_text(kopts.ungeno_tm)}});
+                           {"ungeno_tm", logical_text(kopts.ungeno_tm)},
+                           {"groups_as_unknown", logical_text(kopts.groups_as_unknown)}});
     krel_type krel;
     krel_init_options k = init_options(opts);
     k.phenofile = kopts.phenofile;
@@ -268,11 +274,15 @@ void run_krel(const command_line& cli, const run_options& opts, run_record& reco
     k.method = kopts.method;
     k.edc_adjust_factor = kopts.edc_adjust_factor;
     k.pev_adjust_factor = kopts.pev_adjust_factor;
+    krel.groups_as_unknown = kopts.groups_as_unknown;
     record.step("init_krel", [&] { krel.init_krel(k); });
     record_inputs(krel, record);
     record.step("compute_krel_geno", [&] { krel.compute_krel_geno(kopts.only_geno, opts.blocks, 0, false); });
     run_pvalues(krel, opts, record);
+    const run_outputs written{has_pvalues(opts), kopts.only_geno, !kopts.only_geno,
+                              !kopts.only_geno && (kopts.save_erc || lkrel_verbose)};
     if (kopts.only_geno) {
+        check_result_files(run_result_files(written, krel.monomorphic_snps()));
         record.step("report_reliabilities", [&] { write_reliability_report(krel, false, opts.plots, record); });
         return;
     }
@@ -284,6 +294,7 @@ void run_krel(const command_line& cli, const run_options& opts, run_record& reco
     else
         record.step("exact_inverse", [&] { krel.reliabilities_by_exact_inverse(); });
     record.step("write_reliabilities", [&] { write_reliability_files(krel); });
+    check_result_files(run_result_files(written, krel.monomorphic_snps()));
     record.step("report_reliabilities", [&] { write_reliability_report(krel, true, opts.plots, record); });
 }
 
@@ -301,6 +312,7 @@ void run_gwas(const command_line& /*cli*/, const run_options& opts, run_record& 
     record_inputs(krel, record);
     record.step("compute_krel_geno", [&] { krel.compute_krel_geno(false, opts.blocks, 1000, true); });
     run_pvalues(krel, opts, record);
+    check_result_files(run_result_files({has_pvalues(opts), false, false, false}, krel.monomorphic_snps()));
 }
 
 namespace {

@@ -39,6 +39,7 @@ struct krel_group_options {
     bool only_geno = false;
     bool save_erc = false;
     bool ungeno_tm = false;
+    bool groups_as_unknown = false;
     std::int32_t method = 1;  // ZRZ method: 1 "mkl", 2 "low_mem"
 };
 

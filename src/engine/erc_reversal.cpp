@@ -3,6 +3,7 @@
 #include <cblas.h>
 #include <cminpack.h>
 
+#include <cassert>
 #include <cmath>
 
 #include "util/dense_linear_algebra.h"
@@ -23,7 +24,10 @@ class block_array {
 public:
     block_array(std::int32_t nt, std::int32_t n)
         : nt_(nt), data_(static_cast<std::size_t>(nt) * nt * (static_cast<std::size_t>(n) + 1), 0.0) {}
-    double* operator[](std::int32_t i) { return &data_[static_cast<std::size_t>(i) * nt_ * nt_]; }
+    double* operator[](std::int32_t i) {
+        assert(i >= 0 && static_cast<std::size_t>(i + 1) * nt_ * nt_ <= data_.size());
+        return &data_[static_cast<std::size_t>(i) * nt_ * nt_];
+    }
 
 private:
     std::int32_t nt_;
@@ -133,12 +137,14 @@ void tiermeyer_rev(const pedigree_type& ped, std::span<const std::int32_t> order
         };
         std::vector<info> fc(static_cast<std::size_t>(n) + 1, info{0.0, 0.0});
         erc.resize(1, n);
-        double* own_x = &erc(1, 1) - 1;  // 1-based view
+        // erc has one row: own_x[i - 1] is erc(1, i). Taken from data() so
+        // that an empty pedigree never indexes the empty matrix.
+        double* const own_x = erc.data();
         for (std::int32_t k = n; k >= nupg + 1; --k) {
             const std::int32_t i = order[k];
             const double v = x(1, i);
             const double own = std::sqrt(v) * std::sqrt(v) * ri;
-            own_x[i] = own;
+            own_x[i - 1] = own;
             fc[i].f += own;
             fc[i].c = parent_contribution(gi, fc[i].f);
             const std::int32_t s = ped.sire(i), d = ped.dam(i);
@@ -155,15 +161,15 @@ void tiermeyer_rev(const pedigree_type& ped, std::span<const std::int32_t> order
             const double xi = x(1, i);
             if (!(xi > 0.0)) {
                 fc[i].f = f;
-                own_x[i] = 0.0;
+                own_x[i - 1] = 0.0;
                 continue;
             }
-            f -= own_x[i];
+            f -= own_x[i - 1];
             const double t = f + gi;
             const double xnew = (1.0 / target(1, i) - t) / ri;
             double e = xi + damp * (xnew - xi);
             if (e < 0.0) e = erc_floor;
-            own_x[i] = e;
+            own_x[i - 1] = e;
             fc[i].f = f + std::sqrt(e) * std::sqrt(e) * ri;
         }
         return;

@@ -113,6 +113,8 @@ void krel_type::init_krel(const krel_init_options& o) {
         svar.assign(static_cast<std::size_t>(effect) + 1, dmatrix());
         svar[effect].resize(80, 80);
         readgf(svcv, effect, ntrait, svar[effect]);
+    } else if (!is_plink) {
+        derive_snp_variance();
     }
     std::vector<std::int32_t> genotyped;
     for (std::size_t level = 1; level < idmap.size(); ++level)
@@ -141,6 +143,56 @@ void krel_type::read_genotype_files() {
                                       inttochar(nsnp) + " vs " + inttochar(n) + ")",
                                   module_name, procedure_at("readdata_asci_krel"));
         throw error_stop();
+    }
+}
+
+namespace {
+
+// Whether every text genotype is an allele count 0, 1 or 2.
+bool allele_counts(const covariable_type& genotypes) {
+    const double* v = genotypes.val.data();
+    for (std::size_t k = 0; k < genotypes.val.size(); ++k)
+        if (v[k] != 0.0 && v[k] != 1.0 && v[k] != 2.0) return false;
+    return true;
+}
+
+}  // namespace
+
+void krel_type::derive_snp_variance() {
+    auto& log = global_logger();
+    // Text genotypes give the SNP model its variance through --svcv. For
+    // allele counts with known frequencies it follows from the genetic
+    // variance as for PLINK data: sigma2_snp = sigma2_a / sum of 2pq.
+    const bool have_frequencies = freqfile != "none" && freqfile != "compute" && freqfile != "ignore";
+    double sum2pq = 0.0;
+    // The sum runs over the whole array, whatever its first index.
+    for (const double p : freq) sum2pq += 2.0 * p * (1.0 - p);
+    std::string why;
+    if (!have_frequencies)
+        why = "no allele frequency file (--freq) is given";
+    else if (!allele_counts(geno))
+        why = "the genotypes of " + genfile + " are not all allele counts 0, 1 or 2";
+    else if (!(sum2pq > 0.0) || !std::isfinite(sum2pq))
+        why = "the sum of 2pq of " + freqfile + " is " + realtochar(sum2pq, "(g0.6)");
+    if (!why.empty()) {
+        log.log_error("Text genotypes need the (co)variances of SNP effects (--svcv): " + why +
+                          ", so they cannot be derived from the genetic variance",
+                      module_name, procedure_at("init_krel"));
+        throw error_stop();
+    }
+    // That variance belongs to centred genotypes, as PLINK genotypes are
+    // used; counts as they are would put 2p into every animal's genomic PEV.
+    for (std::int64_t r = 1; r <= geno.val.cols(); ++r)
+        for (std::int32_t snp = 1; snp <= nsnp; ++snp) geno.val(snp, r) -= 2.0 * snp_frequency(snp);
+    log.log_information("Text genotypes of " + genfile + " are allele counts: centred as g - 2p with the frequencies of " +
+                        freqfile + ", as PLINK genotypes are");
+    svar.assign(static_cast<std::size_t>(effect) + 1, dmatrix());
+    svar[effect].resize(80, 80);
+    for (std::int32_t t = 1; t <= ntrait; ++t) {
+        svar[effect](t, t) = gvar[effect](t, t) / sum2pq;
+        log.log_information("SNP variance (trait " + inttochar(t) + ") derived without --svcv: genetic variance " +
+                            realtochar(gvar[effect](t, t), "(g0.6)") + " over the sum of 2pq of " + freqfile + " (" +
+                            realtochar(sum2pq, "(f0.3)") + ") = " + realtochar(svar[effect](t, t), "(g0.6)"));
     }
 }
 
@@ -475,6 +527,17 @@ void krel_type::pvalue(const std::string& solfile, std::optional<std::int32_t> s
         log.log_error("(Co)variance components for SNP effects should be provided", module_name, procedure_at("pvalue"));
         throw error_stop();
     }
+    // A monomorphic SNP has no information in the SNP model: its PEV is its
+    // prior variance, and the variance of its estimate is 0. The difference
+    // of the two is taken as exactly that, so that both routes agree whatever
+    // the rounding of a variance read from a file.
+    const std::vector<std::int32_t> fixed = monomorphic_snps();
+    for (const std::int32_t j : fixed)
+        for (std::int32_t t = 1; t <= ntrait; ++t) varhat(t, j) = 0.0;
+    if (!fixed.empty())
+        log.log_warning(inttochar(static_cast<std::int32_t>(fixed.size())) +
+                        " monomorphic SNPs: the variance of their estimated effect is 0, so their z-scores (not "
+                        "finite), p-values (0) and likelihood ratios (largest real) carry no information");
     for (std::int32_t t = 1; t <= ntrait; ++t)
         for (std::int32_t j = 1; j <= nsnp; ++j) {
             const double bj = b(j, t), v = varhat(t, j);
@@ -491,6 +554,17 @@ void krel_type::pvalue(const std::string& solfile, std::optional<std::int32_t> s
     write_pevercrel("qd_pvalues_approx.dat", eff, snps, p);
     write_pevercrel("qd_lr_approx.dat", eff, snps, lr);
     write_pevercrel("qd_varhatsnpeffects_approx.dat", eff, snps, varhat);
+}
+
+std::vector<std::int32_t> krel_type::monomorphic_snps() const {
+    std::vector<std::int32_t> snps;
+    // Text genotypes without a frequency file have no frequencies to judge by.
+    if (!is_plink && freq.empty()) return snps;
+    for (std::int32_t j = 1; j <= nsnp; ++j) {
+        const double p = snp_frequency(j);
+        if (p == 0.0 || p == 1.0) snps.push_back(j);
+    }
+    return snps;
 }
 
 double krel_type::snp_frequency(std::int32_t j) const {
@@ -638,7 +712,7 @@ void krel_type::reliabilities_by_exact_inverse() {
     param.typeeff[2] = 3;
     param.effectopt[2] = 1;
     std::vector<pedigree_type> peds(3);
-    peds[2] = ped;
+    peds[2] = exact_inverse_pedigree();
     check_and_finalize(param);
     for (std::int32_t t = 1; t <= ntrait; ++t) {
         wtime clock;
@@ -677,7 +751,47 @@ void krel_type::reliabilities_by_exact_inverse() {
         set_notgeno_reliabilities(t, lhs.diag_vect());
         global_logger().log_message("Wall clock time (s) for the inverse of the LHS (trait " + inttochar(t) +
                                     "): " + realtochar(clock.elapsed(), "(f0.3)"));
+        if (ped.nupg > 0) log_negative_reliabilities(t);
     }
+}
+
+pedigree_type krel_type::exact_inverse_pedigree() const {
+    auto& log = global_logger();
+    if (ped.nupg == 0) return ped;
+    const std::int32_t n = ped.nlength(), last_animal = n - ped.nupg;
+    if (!groups_as_unknown) {
+        log.log_warning("The pedigree has " + inttochar(ped.nupg) +
+                        " genetic groups. The exact inverse counts each group as a founder animal of the "
+                        "relationship matrix, while the inbreeding and the Tier and Meyer approximation treat a "
+                        "group parent as an unknown parent: the reliabilities of the two roads differ, and some "
+                        "can be negative. --groups-as-unknown treats group parents as unknown parents here too.");
+        return ped;
+    }
+    // Group parents become unknown parents: the groups stay as levels of
+    // their own without relatives, as they are on the other road.
+    pedigree_type copy = ped;
+    std::int32_t replaced = 0;
+    for (std::int32_t i = 1; i <= n; ++i)
+        for (const std::int32_t k : {1, 2})
+            if (copy.ped(k, i) > last_animal) {
+                copy.ped(k, i) = 0;
+                ++replaced;
+            }
+    log.log_information("Genetic groups as unknown parents in the exact inverse: " + inttochar(replaced) +
+                        " group parents of " + inttochar(ped.nupg) + " groups");
+    return copy;
+}
+
+void krel_type::log_negative_reliabilities(std::int32_t t) const {
+    std::int32_t negative = 0;
+    for (std::int32_t i = 1; i <= ped.nlength(); ++i)
+        if ((static_cast<std::size_t>(i) >= idmap.size() || idmap[i] == 0) && final_rel(i, t) < 0.0) ++negative;
+    const std::string text = "Reliabilities of the exact inverse below 0 (trait " + inttochar(t) +
+                             "): " + inttochar(negative);
+    if (negative > 0)
+        global_logger().log_warning(text);
+    else
+        global_logger().log_information(text);
 }
 
 }  // namespace krel

@@ -36,6 +36,9 @@ public:
     bool use_inbreeding = true, save_pec = false, save_erc = false, scale_snp_var = false;
     std::int32_t method = 1;
     bool is_plink = false;
+    // Whether the exact inverse treats group parents as unknown parents
+    // (otherwise each group is a founder animal there).
+    bool groups_as_unknown = false;
     std::int32_t nsnp = 0;
     covariable_type geno;
     std::vector<double> freq;  // allele frequencies of text genotypes: freq[s - 1] for SNP s
@@ -56,6 +59,11 @@ public:
 
     void init_krel(const krel_init_options& o);
     void read_genotype_files();
+    // SNP variance of text genotypes read without --svcv: the genetic
+    // variance over the sum of 2pq of the frequency file, for allele counts
+    // only, which are then centred with those frequencies; otherwise the run
+    // stops naming --svcv.
+    void derive_snp_variance();
     // Step 2: ERC of the genotyped animals (levels in genotype-file order).
     void compute_krel_step2(const std::vector<std::int32_t>& list);
     // The model data into a reverse object, for the selected levels.
@@ -80,6 +88,9 @@ public:
     void reliabilities_by_exact_inverse();
     // Allele frequency of SNP j (1-based) as the model uses it.
     double snp_frequency(std::int32_t j) const;
+    // SNPs (1-based, ascending) whose frequency is 0 or 1; none when the
+    // frequencies are unknown.
+    std::vector<std::int32_t> monomorphic_snps() const;
 
 private:
     struct snp_model_inputs;
@@ -103,6 +114,11 @@ private:
     // Reliabilities of trait t for the levels without genotypes from their
     // PEV d[level]: 1 - PEV / (g (1 + F)). Genotyped levels keep theirs.
     void set_notgeno_reliabilities(std::int32_t t, const std::vector<double>& d);
+    // The pedigree of the exact inverse: the pedigree itself, or with
+    // groups_as_unknown its group parents replaced by unknown parents.
+    pedigree_type exact_inverse_pedigree() const;
+    // Log of the count of negative reliabilities of trait t after the exact inverse.
+    void log_negative_reliabilities(std::int32_t t) const;
 };
 
 // Both final reliability files.

@@ -35,6 +35,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <iostream>
 #include <new>
@@ -129,8 +130,14 @@ public:
     double* data() { return data_; }
     const double* data() const { return data_; }
     std::size_t size() const { return size_; }
-    double& operator[](std::size_t k) { return data_[k]; }
-    double operator[](std::size_t k) const { return data_[k]; }
+    double& operator[](std::size_t k) {
+        assert(k < size_);
+        return data_[k];
+    }
+    double operator[](std::size_t k) const {
+        assert(k < size_);
+        return data_[k];
+    }
 
 private:
     static constexpr std::size_t mapped_min_bytes = std::size_t{1} << 20;

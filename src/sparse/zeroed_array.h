@@ -10,6 +10,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -54,8 +55,14 @@ public:
     bool empty() const noexcept { return size_ == 0; }
     T* data() noexcept { return data_; }
     const T* data() const noexcept { return data_; }
-    T& operator[](std::size_t k) noexcept { return data_[k]; }
-    const T& operator[](std::size_t k) const noexcept { return data_[k]; }
+    T& operator[](std::size_t k) noexcept {
+        assert(k < size_);
+        return data_[k];
+    }
+    const T& operator[](std::size_t k) const noexcept {
+        assert(k < size_);
+        return data_[k];
+    }
     T& front() noexcept { return data_[0]; }
     const T& front() const noexcept { return data_[0]; }
     T& back() noexcept { return data_[size_ - 1]; }
