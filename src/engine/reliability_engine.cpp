@@ -15,6 +15,7 @@
 #include "engine/snp_model_matrix.h"
 #include "engine/tier_meyer.h"
 #include "inputs/frequency_file.h"
+#include "inputs/level_list.h"
 #include "inputs/plink_reader.h"
 #include "inputs/solution_files.h"
 #include "inputs/variance_files.h"
@@ -47,32 +48,6 @@ std::pair<double, double> extremes(const std::vector<double>& v) {
     return {lo, hi};
 }
 
-// One level on each record, read until a record does not start with an
-// integer; a level outside 1 to maxlevel stops the run.
-std::vector<std::int32_t> read_levels(const std::string& file, std::int32_t maxlevel, const char* routine) {
-    auto& log = global_logger();
-    record_reader in;
-    if (!in.open(file)) {
-        log.log_io_error("Cannot open the file " + file, module_name, procedure_at(routine));
-        throw error_stop();
-    }
-    std::vector<std::int32_t> levels;
-    std::string_view record;
-    while (in.next(record)) {
-        if (blank_record(record)) continue;
-        item_cursor items(record);
-        std::int32_t id = 0;
-        if (!items.next_int(id)) break;
-        if (id < 1 || id > maxlevel) {
-            log.log_error("The file " + file + " names level " + inttochar(id) + ", outside the pedigree (1 to " +
-                              inttochar(maxlevel) + ")",
-                          module_name, procedure_at(routine));
-            throw error_stop();
-        }
-        levels.push_back(id);
-    }
-    return levels;
-}
 
 }  // namespace
 
@@ -309,7 +284,7 @@ const covariable_type& krel_type::reference_genotypes(std::vector<std::int32_t>&
                       procedure_at("compute_krel_geno"));
         throw error_stop();
     }
-    levels = read_levels(reffile, ped.nlength(), "compute_krel_geno");
+    levels = read_level_list(reffile, ped.nlength(), module_name, "compute_krel_geno");
     if (levels.empty()) {
         log.log_error("The reference file " + reffile + " lists no animals", module_name,
                       procedure_at("compute_krel_geno"));
@@ -584,7 +559,7 @@ void krel_type::compute_krel_notgeno() {
         listed.resize(static_cast<std::size_t>(pev.rows()));
         for (std::size_t i = 0; i < listed.size(); ++i) listed[i] = static_cast<std::int32_t>(i + 1);
     } else {
-        listed = read_levels(phenofile, n, "compute_krel_notgeno");
+        listed = read_level_list(phenofile, n, module_name, "compute_krel_notgeno");
     }
     log.log_information("Number of individuals listed: " + inttochar(static_cast<std::int32_t>(listed.size())));
     dmatrix erc1;

@@ -14,6 +14,7 @@
 
 #include "inputs/frequency_file.h"
 #include "inputs/genotypes.h"
+#include "inputs/level_list.h"
 #include "inputs/pedigree.h"
 #include "inputs/solution_files.h"
 #include "inputs/variance_files.h"
@@ -175,6 +176,12 @@ void fuzz_plink_fileset(bytes_view bytes) {
     }
 }
 
+// The reference animals (--ref) and the animals with phenotypes (--pheno).
+void fuzz_level_list(bytes_view bytes) {
+    write_file("levels.txt", bytes);
+    expect_results_or_stop([&] { read_level_list("levels.txt", pedigree_levels, "fuzz", "level_list"); });
+}
+
 constexpr reader_target targets[] = {
     {"pedigree", fuzz_pedigree},
     {"inbreeding_file", fuzz_inbreeding_file},
@@ -184,6 +191,7 @@ constexpr reader_target targets[] = {
     {"frequency_file", fuzz_frequency_file},
     {"text_genotypes", fuzz_text_genotypes},
     {"plink_fileset", fuzz_plink_fileset},
+    {"level_list", fuzz_level_list},
 };
 
 std::filesystem::path scratch_directory;
