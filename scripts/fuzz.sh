@@ -23,7 +23,7 @@ for t in "${targets[@]}"; do
   [ -d "$root/tests/fuzz/regressions/$t" ] && seeds+=("$root/tests/fuzz/regressions/$t")
   echo "== $t: $seconds s"
   # One input may take 10 s and 2 GiB before it counts as a hang or a leak of memory.
-  ASAN_OPTIONS=detect_leaks=0 "$build/tests/fuzz/fuzz_$t" "$corpus" "${seeds[@]}" \
+  LSAN_OPTIONS=suppressions=$root/tests/sanitizer/leak_suppressions.txt "$build/tests/fuzz/fuzz_$t" "$corpus" "${seeds[@]}" \
     -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=65536 \
     -artifact_prefix="$findings/" -print_final_stats=1 2>&1 | tee "$build/fuzz_$t.log" |
     grep -E '^#[0-9]+.*(DONE|pulse)|^stat::|ERROR|SUMMARY|Test unit written' || true

@@ -74,9 +74,8 @@ case "$what" in
     ;;
   sanitize)
     cd "$build"
-    # Leaks are not errors here: the OpenMP and BLAS runtimes keep their pools
-    # until exit by design.
-    ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+      LSAN_OPTIONS=suppressions=$root/tests/sanitizer/leak_suppressions.txt \
       ctest --output-on-failure -j"$(nproc)"
     ;;
   fuzz)

@@ -1,6 +1,7 @@
 #include "inputs/pedigree.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <omp.h>
 #include <unistd.h>
 
@@ -137,7 +138,12 @@ void stream_pedigree(const std::string& file, const char* routine, Sink&& sink) 
     } guard{fd};
     posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     constexpr std::size_t chunk = std::size_t{16} << 20;
-    std::vector<char> buffer(chunk);
+    // A small file gets a buffer of its own size rather than a whole chunk.
+    struct stat st {};
+    const std::size_t first = ::fstat(fd, &st) == 0 && st.st_size >= 0
+                                  ? std::min(chunk, static_cast<std::size_t>(st.st_size) + 1)
+                                  : chunk;
+    std::vector<char> buffer(std::max<std::size_t>(first, 4096));
     std::size_t left = 0;  // bytes of an unfinished line carried over
     const std::size_t threads = std::min<std::size_t>(64, static_cast<std::size_t>(omp_get_max_threads()));
     std::vector<piece_result> results(threads);
@@ -146,7 +152,7 @@ void stream_pedigree(const std::string& file, const char* routine, Sink&& sink) 
     std::uint64_t chunk_start = 0;  // file offset of buffer[0]
     bool first_chunk = true;
     while (!at_end) {
-        if (buffer.size() - left < chunk / 2) buffer.resize(buffer.size() * 2);  // a very long line
+        if (buffer.size() - left < std::min(chunk, buffer.size()) / 2) buffer.resize(buffer.size() * 2);  // a very long line
         const ssize_t got = ::read(fd, buffer.data() + left, buffer.size() - left);
         if (got < 0) {
             global_logger().log_io_error("Cannot read the pedigree file " + file + ": " + std::strerror(errno),
