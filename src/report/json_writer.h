@@ -24,6 +24,12 @@ public:
     void value(int number) { value(static_cast<std::int64_t>(number)); }
     void value(bool flag);
     void null();
+    // A key and its value, the common case of an object's member.
+    template <class T>
+    void field(std::string_view name, const T& v) {
+        key(name);
+        value(v);
+    }
 
     const std::string& text() const { return out_; }
 

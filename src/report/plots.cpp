@@ -410,6 +410,13 @@ void plot_reliability_distribution(const std::string& stem, const reliability_gr
         bool dashed;
         std::vector<double> share;
     };
+    // Pedigree reliabilities dashed, genomic solid, in the same curve and legend.
+    const auto stroke_style = [](cairo_t* cr, const series& s) {
+        set(cr, s.c);
+        cairo_set_line_width(cr, 2.0);
+        const double dash[] = {7.0, 4.0};
+        cairo_set_dash(cr, dash, s.dashed ? 2 : 0, 0);
+    };
     std::vector<series> all = {{&g.pedigree_genotyped, "Genotyped, pedigree", geno_colour, true, {}},
                                {&g.genomic_genotyped, "Genotyped, genomic", geno_colour, false, {}},
                                {&g.pedigree_other, "Not genotyped, pedigree", other_colour, true, {}},
@@ -446,10 +453,7 @@ void plot_reliability_distribution(const std::string& stem, const reliability_gr
         double legend_y = f.top + 24;
         for (const series& s : all) {
             if (s.values->empty()) continue;
-            set(cr, s.c);
-            cairo_set_line_width(cr, 2.0);
-            const double dash[] = {7.0, 4.0};
-            cairo_set_dash(cr, dash, s.dashed ? 2 : 0, 0);
+            stroke_style(cr, s);
             cairo_move_to(cr, f.x(0), f.y(0));
             for (int b = 0; b < bins; ++b) {
                 cairo_line_to(cr, f.x(static_cast<double>(b) / bins), f.y(s.share[b]));
@@ -466,10 +470,7 @@ void plot_reliability_distribution(const std::string& stem, const reliability_gr
         }
         for (const series& s : all) {
             if (s.values->empty()) continue;
-            set(cr, s.c);
-            cairo_set_line_width(cr, 2.0);
-            const double dash[] = {7.0, 4.0};
-            cairo_set_dash(cr, dash, s.dashed ? 2 : 0, 0);
+            stroke_style(cr, s);
             cairo_move_to(cr, f.left + 20, legend_y);
             cairo_line_to(cr, f.left + 60, legend_y);
             cairo_stroke(cr);

@@ -69,20 +69,13 @@ void write_count(json_writer& j, const char* name, std::int64_t v) {
 
 void write_group(json_writer& j, const reliability_summary& s) {
     j.begin_object();
-    j.key("count");
-    j.value(s.count);
-    j.key("mean");
-    j.value(s.mean);
-    j.key("min");
-    j.value(s.min);
-    j.key("max");
-    j.value(s.max);
-    j.key("floored");
-    j.value(s.floored);
-    j.key("negative");
-    j.value(s.negative);
-    j.key("non_finite");
-    j.value(s.non_finite);
+    j.field("count", s.count);
+    j.field("mean", s.mean);
+    j.field("min", s.min);
+    j.field("max", s.max);
+    j.field("floored", s.floored);
+    j.field("negative", s.negative);
+    j.field("non_finite", s.non_finite);
     j.end_object();
 }
 
@@ -98,12 +91,9 @@ void write_strings(json_writer& j, const char* name, const std::vector<std::stri
 void write_run_summary(const std::string& file, const run_record& r) {
     json_writer j;
     j.begin_object();
-    j.key("program");
-    j.value(r.program);
-    j.key("version");
-    j.value(r.version);
-    j.key("commit");
-    j.value(r.commit);
+    j.field("program", r.program);
+    j.field("version", r.version);
+    j.field("commit", r.commit);
     j.key("command");
     if (r.command.empty())
         j.null();
@@ -129,10 +119,8 @@ void write_run_summary(const std::string& file, const run_record& r) {
     j.begin_array();
     for (const run_step& s : r.steps) {
         j.begin_object();
-        j.key("name");
-        j.value(s.name);
-        j.key("wall_seconds");
-        j.value(s.wall_seconds);
+        j.field("name", s.name);
+        j.field("wall_seconds", s.wall_seconds);
         write_count(j, "peak_rss_kib", s.peak_rss_kib);
         j.end_object();
     }
@@ -141,8 +129,7 @@ void write_run_summary(const std::string& file, const run_record& r) {
     j.begin_array();
     for (const trait_reliabilities& t : r.reliabilities) {
         j.begin_object();
-        j.key("trait");
-        j.value(static_cast<std::int64_t>(t.trait));
+        j.field("trait", static_cast<std::int64_t>(t.trait));
         j.key("genotyped");
         write_group(j, t.genotyped);
         j.key("non_genotyped");
@@ -167,8 +154,7 @@ void write_run_summary(const std::string& file, const run_record& r) {
         j.end_object();
     }
     write_strings(j, "result_files", r.result_files);
-    j.key("exit_status");
-    j.value(static_cast<std::int64_t>(r.exit_status));
+    j.field("exit_status", static_cast<std::int64_t>(r.exit_status));
     j.key("error");
     if (r.exit_status == 0)
         j.null();
