@@ -337,10 +337,20 @@ void plinkreadbed(const std::string& file, const std::string& freqfile,
         // Centring then only sends missing genotypes to 0.
     } else if (freqfile == "compute") {
         // The counts of allelefreq_allsnp, taken from the file's rows.
+        std::int64_t unobserved = 0, first_unobserved = 0;
         for (std::int64_t s = 0; s < snps; ++s) {
             const std::int64_t* c = counts.data() + 3 * s;
             val(s + 1, 1) = frequency_from_counts(individuals, c[0], c[1], c[2]);
+            if (std::isnan(val(s + 1, 1)) && unobserved++ == 0) first_unobserved = s + 1;
         }
+        // A SNP missing in every animal has no frequency to count (0 / 0),
+        // and that one value would spread to every result of the run.
+        if (unobserved > 0)
+            stop_with_error("The genotypes of " + inttochar(unobserved) + " SNP(s) in " + name +
+                                " are missing in every animal (the first is SNP " + inttochar(first_unobserved) +
+                                "), so no allele frequency can be computed for them: remove them or give "
+                                "the frequencies in a file",
+                            procedure);
     } else {
         read_frequency_file(freqfile, bed, val, procedure);
     }
