@@ -93,14 +93,23 @@ private:
     bool opened_ = false;
 };
 
+// The bits of a SNP row's last byte that hold individuals. Writers are
+// meant to zero the rest, but readers ignore them, and so must we: counted,
+// they would shift the frequencies of every SNP without a word.
+std::uint8_t last_byte_mask(std::int64_t individuals) {
+    const int used = static_cast<int>(individuals % 4);
+    return used == 0 ? std::uint8_t{0xFF} : static_cast<std::uint8_t>((1u << (2 * used)) - 1);
+}
+
 // Genotypes of one SNP row of the file with the low bit set (01, 11), with
-// the high bit set (10, 11) and with both (11), by population count.
+// the high bit set (10, 11) and with both (11), by population count. The
+// padding of the last byte counts as 00, which is never counted directly.
 __attribute__((target_clones("popcnt", "default")))
-void count_row(const std::uint8_t* row, std::int64_t nbytes, std::int64_t* counts) {
+void count_row(const std::uint8_t* row, std::int64_t nbytes, std::uint8_t last_mask, std::int64_t* counts) {
     constexpr std::uint64_t even = 0x5555555555555555ULL;
     std::int64_t low = 0, high = 0, both = 0;
     std::int64_t b = 0;
-    for (; b + 8 <= nbytes; b += 8) {
+    for (; b + 8 < nbytes; b += 8) {
         std::uint64_t x;
         std::memcpy(&x, row + b, 8);
         const std::uint64_t lo = x & even, hi = (x >> 1) & even;
@@ -109,7 +118,8 @@ void count_row(const std::uint8_t* row, std::int64_t nbytes, std::int64_t* count
         both += __builtin_popcountll(lo & hi);
     }
     for (; b < nbytes; ++b) {
-        const unsigned lo = row[b] & 0x55u, hi = (row[b] >> 1) & 0x55u;
+        const unsigned x = b + 1 == nbytes ? row[b] & last_mask : row[b];
+        const unsigned lo = x & 0x55u, hi = (x >> 1) & 0x55u;
         low += __builtin_popcount(lo);
         high += __builtin_popcount(hi);
         both += __builtin_popcount(lo & hi);
@@ -309,6 +319,7 @@ void plinkreadbed(const std::string& file, const std::string& freqfile,
     const bool count = freqfile == "compute";
     std::vector<std::int64_t> counts(count ? static_cast<std::size_t>(3 * snps) : 0);
     const std::int64_t blocks = (snps + bed_block - 1) / bed_block;
+    const std::uint8_t last_mask = last_byte_mask(individuals);
     constexpr std::size_t release_step = std::size_t{4} << 20;
 #pragma omp parallel
     {
@@ -322,8 +333,10 @@ void plinkreadbed(const std::string& file, const std::string& freqfile,
             // Counted first: the rows then come from the cache for the transposition.
             if (count)
                 for (std::int64_t q = 0; q < count_snps; ++q)
-                    count_row(rows + q * bytes, bytes, counts.data() + 3 * (s0 + q));
+                    count_row(rows + q * bytes, bytes, last_mask, counts.data() + 3 * (s0 + q));
             store_block(rows, count_snps, bytes, s0, ival);
+            std::int8_t* last_column = ival.data() + (bytes - 1) * ival.ld() + s0;
+            for (std::int64_t q = 0; q < count_snps; ++q) last_column[q] &= static_cast<std::int8_t>(last_mask);
             const std::size_t done = static_cast<std::size_t>(3 + (s0 + count_snps) * bytes);
             if (done - released >= release_step || block + 1 == k1) {
                 in.release(released, done);

@@ -49,14 +49,14 @@ protected:
     }
 
     // A fileset of the given .fam and .bim texts whose .bed holds `snps`
-    // SNPs of `individuals`, all heterozygous, plus `extra` bytes (negative:
-    // that many fewer).
+    // SNPs of `individuals` of one genotype code, the padding bits set the
+    // same way, plus `extra` bytes (negative: that many fewer).
     covariable_type read_plink(const std::string& fam, const std::string& bim, int snps, int individuals,
-                               int extra = 0, const std::string& freqfile = "compute") {
+                               int extra = 0, const std::string& freqfile = "compute", char code = '\xAA') {
         dir_.write("g.fam", fam);
         dir_.write("g.bim", bim);
         const int bytes = snps * ((individuals + 3) / 4) + extra;
-        dir_.write("g.bed", std::string("\x6C\x1B\x01", 3) + std::string(static_cast<std::size_t>(bytes), '\xAA'));
+        dir_.write("g.bed", std::string("\x6C\x1B\x01", 3) + std::string(static_cast<std::size_t>(bytes), code));
         covariable_type cov;
         std::int32_t nsnp = -1, ngeno = -1;
         bool isplink = false;
@@ -160,6 +160,9 @@ TEST_F(BadGenotypeInput, PlinkFilesMustAgreeWhateverTheChromosomeCodes) {
     const covariable_type cov = read_plink(fam, bim, 5, 5);
     EXPECT_EQ(cov.nsnp, 5);
     EXPECT_EQ(cov.ncol, 2);
+    // The three padding codes of each SNP are heterozygous too, and must not count.
+    for (int snp = 1; snp <= 5; ++snp) EXPECT_EQ(cov.val(snp, 1), 0.5) << "SNP " << snp;
+    EXPECT_EQ(cov.ival(1, 2) & ~0x03, 0);
 
     const std::string prefix = "g.bed holds ";
     const std::string counts = " bytes of genotypes, but the ";
@@ -175,6 +178,9 @@ TEST_F(BadGenotypeInput, PlinkFilesMustAgreeWhateverTheChromosomeCodes) {
     expect_stop([&] { read_plink(fam, "\n", 0, 5); }, "No SNPs in " + path("g.bim"), "empty .bim");
     expect_stop([&] { read_plink(fam + "2 2 0 0 1 -9\n", bim, 5, 6); },
                 "The level 2 on line 6 of " + path("g.fam") + " was already given on line 2", "level twice");
+    expect_stop([&] { read_plink(fam, bim, 5, 5, 0, "compute", '\x55'); },
+                "The genotypes of 5 SNP(s) in " + path("g.bed") + " are missing in every animal (the first is SNP 1)",
+                "no genotype to count a frequency from");
 }
 
 }  // namespace
