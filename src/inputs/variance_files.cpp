@@ -103,12 +103,18 @@ void readrf(const std::string& file, std::int32_t& ntrait, std::vector<dmatrix>&
         std::vector<double> values;
     };
     std::vector<row> rows;
-    auto malformed = [&] {
+    std::string_view record;
+    // The message alone would leave the user to search the file: where and why follow it.
+    auto malformed_because = [&](const std::string& where) {
         global_logger().log_error("The format of the residual covariance file is not correct!", module_name,
                                   procedure_at("readrf"));
+        global_logger().log_message(where);
         throw error_stop();
     };
-    std::string_view record;
+    auto malformed = [&] {
+        malformed_because("Line " + std::to_string(in.line_number()) + " of " + file + " is not a class, a row r and " +
+                          "the r values of that row: \"" + printable_excerpt(record) + "\"");
+    };
     std::int32_t nclass = 0, maxrow = 0;
     while (in.next(record)) {
         if (blank_record(record)) continue;
@@ -130,7 +136,12 @@ void readrf(const std::string& file, std::int32_t& ntrait, std::vector<dmatrix>&
     // Classes are numbered from 1, each given by its rows. A few classes may
     // be left out (they are warned about below); a class number far above the
     // count of rows is no numbering of classes, and every class is a matrix.
-    if (maxrow > ntrait || static_cast<std::size_t>(nclass) > rows.size() + 1000) malformed();
+    if (maxrow > ntrait)
+        malformed_because(file + " gives a row " + inttochar(maxrow) + " of a matrix of " + inttochar(ntrait) +
+                          " traits");
+    if (static_cast<std::size_t>(nclass) > rows.size() + 1000)
+        malformed_because(file + " numbers a class " + inttochar(nclass) + " but gives only " +
+                          std::to_string(rows.size()) + " rows");
     rmat.assign(static_cast<std::size_t>(nclass) + 1, dmatrix());
     std::vector<char> given(static_cast<std::size_t>(nclass) + 1, 0);
     for (std::int32_t c = 1; c <= nclass; ++c) rmat[c].resize(ntrait, ntrait);

@@ -57,12 +57,18 @@ TEST(variance_files, ResidualClasses) {
     dir.write("r.txt", "1 1 1.0\n1 2 2.0 1.0\n");
     EXPECT_THROW(readrf((dir / "r.txt").string(), ntrait, r), error_stop);
     EXPECT_NE(log.text().find("The residual matrix for the class 1 is not positive definite!"), std::string::npos);
-    for (const char* bad : {"1 1\n", "x 1 1.0\n", "1 3 1 2 3\n"}) {
+    const std::string file = (dir / "r.txt").string();
+    for (const auto& [bad, where] : std::vector<std::pair<std::string, std::string>>{
+             {"1 1\n", "Line 1 of " + file},
+             {"1 1 4\nx 1 1.0\n", "Line 2 of " + file},
+             {"1 3 1 2 3\n", file + " gives a row 3 of a matrix of 2 traits"},
+             {"1 1 1\n9999 1 1\n", file + " numbers a class 9999 but gives only 2 rows"}}) {
         log.clear();
         dir.write("r.txt", bad);
         std::int32_t two = 2;
-        EXPECT_THROW(readrf((dir / "r.txt").string(), two, r), error_stop) << bad;
+        EXPECT_THROW(readrf(file, two, r), error_stop) << bad;
         EXPECT_NE(log.text().find("The format of the residual covariance file is not correct!"), std::string::npos);
+        EXPECT_NE(log.text().find(where), std::string::npos) << log.text();
     }
 }
 
